@@ -1,0 +1,30 @@
+// JSON text to values and back, and reads of values that arrived over the wire. Nothing here throws for what the text
+// holds; std::bad_alloc may pass.
+#ifndef NIRA_IPC_JSON_H
+#define NIRA_IPC_JSON_H
+
+#include <json/json.h>
+
+#include <cstring>
+#include <string>
+
+// Parses one JSON text, comments allowed. False for anything that is no JSON or is nested too deep.
+bool NiraIpcParseJson(const char* text, size_t length, Json::Value& root);
+inline bool NiraIpcParseJson(const char* text, Json::Value& root) {
+  return NiraIpcParseJson(text, std::strlen(text), root);
+}
+
+// The compact one-line form, which ends with a line feed.
+std::string NiraIpcWriteJson(const Json::Value& value);
+
+// The styled form, for log lines.
+std::string NiraIpcStyledJson(const Json::Value& value);
+
+// The member `key` of an object; null when `value` is no object or lacks it.
+const Json::Value* NiraIpcFindMember(const Json::Value& value, const char* key);
+
+// The member `key` as a text or signed 32-bit integer; `fallback` when it is missing or cannot be converted.
+std::string NiraIpcMemberAsString(const Json::Value& value, const char* key, const char* fallback);
+int NiraIpcMemberAsInt(const Json::Value& value, const char* key, int fallback);
+
+#endif  // NIRA_IPC_JSON_H
