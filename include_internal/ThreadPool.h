@@ -14,6 +14,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -36,7 +37,7 @@ class ThreadPool {
 
   ~ThreadPool() {
     Stop();
-    if (m_Process == getpid()) delete m_State;
+    if (m_Process != getpid()) AbandonWorkers();
   }
 
   ThreadPool(const ThreadPool&) = delete;
@@ -82,20 +83,32 @@ class ThreadPool {
     }
   }
 
+  // Stops a pool that is itself never destroyed.
+  struct StopAtExit {
+    explicit StopAtExit(ThreadPool& aPool) : pool(aPool) {}
+    ~StopAtExit() { pool.Stop(); }
+    StopAtExit(const StopAtExit&) = delete;
+    StopAtExit& operator=(const StopAtExit&) = delete;
+
+    ThreadPool& pool;
+  };
+
   // Whether the calling thread is one of the workers.
-  bool IsWorker() const { return t_State == m_State; }
+  bool IsWorker() const { return t_State == m_State.get(); }
 
   // Gives a child of fork() (a service that became a daemon after the library was loaded) workers of its own. The
   // parent's thread objects and locks are abandoned: nobody in this process can ever release them.
   void RenewAfterFork() {
     if (m_Process == getpid()) return;
-    new std::vector<std::thread>(std::move(m_Workers));
-    m_Workers.clear();
+    std::lock_guard<std::mutex> lock(m_Renewing);
+    if (m_Process == getpid()) return;
+    AbandonWorkers();
     Start(static_cast<unsigned>(m_State->count));
   }
 
  private:
-  // What the workers use. Apart from the pool, so that a child of fork() can leave its parent's behind.
+  // What the workers use. Each of them holds it: one that was left to itself may outlive the pool, and in a child of
+  // fork() those that do not exist keep it from being destroyed while they seem to wait in it.
   struct State {
     const int count;
     std::mutex lock;
@@ -108,12 +121,19 @@ class ThreadPool {
   };
 
   void Start(unsigned threads) {
-    m_Process = getpid();
-    m_State = new State(static_cast<int>(threads));
+    m_State = std::make_shared<State>(static_cast<int>(threads));
     for (unsigned i = 0; i < threads; ++i) {
       m_Workers.push_back(
           NiraIpcStartThread(m_Name + std::to_string(i), [state = m_State, i] { Work(*state, static_cast<int>(i)); }));
     }
+    m_Process = getpid();  // last: whoever finds it finds the rest
+  }
+
+  // In a child of fork(): the parent's thread objects can be neither joined nor detached, and destroying one that is
+  // joinable ends the process. So each is overwritten.
+  void AbandonWorkers() {
+    for (std::thread& worker : m_Workers) new (&worker) std::thread;
+    m_Workers.clear();
   }
 
   static void Work(State& state, int index) {
@@ -153,8 +173,9 @@ class ThreadPool {
   static inline thread_local const State* t_State = nullptr;
 
   const std::string m_Name;
-  pid_t m_Process = 0;
-  State* m_State = nullptr;
+  std::mutex m_Renewing;            // one thread renews
+  std::atomic<pid_t> m_Process{0};  // whose workers these are
+  std::shared_ptr<State> m_State;
   std::vector<std::thread> m_Workers;
 };
 

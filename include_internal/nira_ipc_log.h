@@ -21,13 +21,28 @@ constexpr const char* NiraIpcBaseName(const char* path) {
   return base;
 }
 
-// The arguments are evaluated only when somebody reads the line.
-#define NIRA_IPC_LOG(priority, tag, text, ...)                                                          \
-  do {                                                                                                  \
-    if (NiraIpcLogWanted(priority)) {                                                                   \
-      static constexpr const char* kSource = NiraIpcBaseName(__FILE__);                                 \
-      __dlog_print(0, priority, tag, "%s: %s(%d) > " text, kSource, __func__, __LINE__, ##__VA_ARGS__); \
-    }                                                                                                   \
+struct NiraIpcLogPlace {
+  const char* source;
+  const char* function;
+  int line;
+};
+
+template <class... Args>
+void NiraIpcLogLine(int priority, const char* tag, const NiraIpcLogPlace& place, const char* format, Args... args) {
+  __dlog_print(0, priority, tag, format, place.source, place.function, place.line, args...);
+}
+
+// Never called: it lets the compiler compare a line's arguments with its text.
+void NiraIpcCheckLogFormat(const char* text, ...) __attribute__((format(printf, 1, 2)));
+
+// NIRA_IPC_LOG(priority, tag, text, arguments of the text...). The arguments are evaluated only when somebody reads.
+#define NIRA_IPC_LOG(priority, tag, ...)                                                         \
+  do {                                                                                           \
+    if (NiraIpcLogWanted(priority)) {                                                            \
+      constexpr const char* kSource = NiraIpcBaseName(__FILE__);                                 \
+      NiraIpcLogLine(priority, tag, {kSource, __func__, __LINE__}, "%s: %s(%d) > " __VA_ARGS__); \
+    }                                                                                            \
+    if (false) NiraIpcCheckLogFormat(__VA_ARGS__);                                               \
   } while (false)
 
 #define NIRA_IPC_LOG_DEBUG(tag, ...) NIRA_IPC_LOG(NIRA_PLATFORM_LOG_DEBUG, tag, __VA_ARGS__)

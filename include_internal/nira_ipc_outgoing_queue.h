@@ -1,0 +1,34 @@
+// Texts that wait to be written to one connection, oldest first. No lock: its owner's guards it.
+#ifndef NIRA_IPC_OUTGOING_QUEUE_H
+#define NIRA_IPC_OUTGOING_QUEUE_H
+
+#include <cstddef>
+#include <deque>
+#include <string>
+
+struct lws;
+
+class CNiraIpcOutgoingQueue {
+ public:
+  // Room that libwebsockets wants in front of what it writes.
+  static const size_t kHeadRoom;
+
+  // Appends a copy of the text. False, and nothing appended, when the queue would hold more than its bound.
+  bool Push(const char* text, size_t length);
+
+  // The oldest text, with kHeadRoom bytes before it; empty when there is none.
+  std::string Pop();
+
+  bool IsEmpty() const { return m_Texts.empty(); }
+  size_t Bytes() const { return m_Bytes; }
+  void Clear();
+
+ private:
+  std::deque<std::string> m_Texts;
+  size_t m_Bytes = 0;
+};
+
+// Writes a text of CNiraIpcOutgoingQueue::Pop as one message. Service thread only; returns lws_write's result.
+int NiraIpcWriteText(lws* wsi, std::string& text);
+
+#endif  // NIRA_IPC_OUTGOING_QUEUE_H
