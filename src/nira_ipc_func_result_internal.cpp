@@ -1,0 +1,22 @@
+#include "nira_ipc_func_result_internal.h"
+
+#include "nira_ipc_json.h"
+
+CNiraIpcFuncResult::CNiraIpcFuncResult() : CNiraIpcBundle("params") {
+  SetResult(false);
+}
+
+CNiraIpcFuncResult::~CNiraIpcFuncResult() = default;
+
+void CNiraIpcFuncResult::SetResult(bool result) {
+  m_ContentAsObject()["result"] = result;
+}
+
+bool CNiraIpcFuncResult::GetResult() const {
+  const Json::Value* result = NiraIpcFindMember(m_Content, "result");
+  return result != nullptr && result->isConvertibleTo(Json::booleanValue) && result->asBool();
+}
+
+Json::Value CNiraIpcFuncResult::GetJson() const {
+  return m_Content;
+}
