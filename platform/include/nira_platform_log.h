@@ -4,6 +4,7 @@
 
 enum { NIRA_PLATFORM_LOG_DEBUG = 3, NIRA_PLATFORM_LOG_INFO = 4, NIRA_PLATFORM_LOG_ERROR = 6 };
 
+#pragma GCC visibility push(default)
 extern "C" {
 
 // Writes one line. `log_id` is 0, `priority` one of the above, `format` printf's. Any thread; must not throw. A process
@@ -15,5 +16,6 @@ int __dlog_print(int log_id, int priority, const char* tag, const char* format, 
 // platform without it reads every line.
 int nira_platform_log_wanted(int priority) __attribute__((weak));
 }
+#pragma GCC visibility pop
 
 #endif  // NIRA_PLATFORM_LOG_H

@@ -18,6 +18,7 @@ typedef struct ss_credential {
   int flags;
 } ss_credential;
 
+#pragma GCC visibility push(default)
 extern "C" {
 
 // Fills `*credential` from the provisioning's fixed parameters. Returns 0, or another value when the storage cannot be
@@ -32,5 +33,6 @@ unsigned char* ss_read(const ss_credential* credential, const char* name, size_t
 // Releases a buffer of ss_read; null is ignored.
 void ss_free_buffer(unsigned char* buffer);
 }
+#pragma GCC visibility pop
 
 #endif  // NIRA_PLATFORM_SECURE_STORAGE_H
