@@ -1,0 +1,601 @@
+// Client transport. How a call comes and goes:
+//
+//   caller: key, wait item, text into the queue, wake -> sleeps on its item (an asynchronous caller goes its way)
+//   service thread, woken: ask for a writeable event -> write one text an event
+//   service thread: assemble the reply -> match its key -> wake the caller, or hand the completion to the pool
+//
+// Every request is answered exactly once: by its reply, by its time-out (the waiting caller's clock, or for
+// asynchronous calls the service thread's timer), or by the end of the connection, whichever takes its item from the
+// table first. OnClose answers all that wait, after it has set m_bClosedByServer; a request enters the table before it
+// looks at that flag. So none slips between.
+#include "nira_ipc_proxy_websocket.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "nira_ipc_guard.h"
+#include "nira_ipc_json.h"
+#include "nira_ipc_limits.h"
+#include "nira_ipc_log.h"
+#include "nira_ipc_util.h"
+
+#define TAG NIRA_IPC_TAG_PROXY
+
+namespace {
+
+constexpr unsigned kWorkers = 10;
+constexpr size_t kReceiveBufferBytes = 100000;
+constexpr unsigned kDescriptors = 8;  // one connection, the wake-up, and some to spare
+
+// What the server sees in the handshake. The address itself is a number: a resolver could block for seconds.
+constexpr const char* kHost = "localhost";
+constexpr const char* kAddress = "127.0.0.1";
+
+// An idle connection stays up: no pings, no hang-up. Kept by pointer.
+const lws_retry_bo_t kNoIdleHangUp = {nullptr, 0, 0, 0, 0, 0};
+
+}  // namespace
+
+// Made when the library is loaded and never destroyed: threads of the application may still call while the process
+// exits. Its workers are joined then, after the loops have ended and before the application's static objects go.
+ThreadPool& CNiraIpcProxyWebsocket::m_ThreadPool = *new ThreadPool(kWorkers, "nira-prox-w");
+const ThreadPool::StopAtExit CNiraIpcProxyWebsocket::m_StopThreadPool(m_ThreadPool);
+
+CNiraIpcProxyWebsocket::CNiraIpcProxyWebsocket() : m_nSeed(static_cast<unsigned>(time(nullptr))) {
+  static const ThreadPool::StopAtExit stopBeforeStatics(m_ThreadPool);
+  (void)stopBeforeStatics;
+  m_Protocols[0].name = "";  // asks for no sub-protocol; libwebsockets reads the name, so it cannot be null
+  m_Protocols[0].callback = t_WebSocketCbFunction;
+  m_Protocols[0].rx_buffer_size = kReceiveBufferBytes;
+  m_Timer.transport = this;
+}
+
+CNiraIpcProxyWebsocket::~CNiraIpcProxyWebsocket() {
+  NIRA_IPC_LOG_INFO(TAG, "~CNiraIpcProxyWebsocket");
+  m_DisconnectWebsocket();
+}
+
+bool CNiraIpcProxyWebsocket::SetConnect(int port, const char* app_id) {
+  return m_ConnectWebsocket(port, app_id);
+}
+
+bool CNiraIpcProxyWebsocket::m_ConnectWebsocket(int port, const char* app_id) {
+  NIRA_IPC_LOG_INFO(TAG, "m_ConnectWebsocket port(%d), app_id(%s)", port, app_id);
+  {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_Phase != Phase::kIdle) {
+      NIRA_IPC_LOG_ERROR(TAG, "this proxy is connected or was not disconnected yet");
+      return false;
+    }
+    m_Phase = Phase::kConnecting;
+    m_strAppId = app_id;
+    m_bRun = true;
+    m_bClosedByServer = m_bOverflowed = m_bWoken = false;
+    m_bAttemptWanted = false;
+    m_MessageQueue.Clear();
+    m_Loop = std::make_shared<CNiraIpcLoop>();
+  }
+  const bool connected = NiraIpcGuarded(TAG, "connect", false, [this, port, app_id] {
+    m_ThreadPool.RenewAfterFork();
+    m_nPort = port;
+    return m_CreateContext() && m_AwaitConnected();
+  });
+  if (!connected) m_DisconnectWebsocket();
+  return connected;
+}
+
+bool CNiraIpcProxyWebsocket::m_CreateContext() {
+  m_ContextInfo = {};
+  m_ContextInfo.port = CONTEXT_PORT_NO_LISTEN;
+  m_ContextInfo.protocols = m_Protocols;
+  m_ContextInfo.fd_limit_per_thread = kDescriptors;
+  m_ContextInfo.user = this;
+  NIRA_IPC_LOG_INFO(TAG, "lws_create_context start");
+  if (m_nPort < 1 || m_nPort > 65535 || !m_Loop->CreateContext(m_ContextInfo)) {
+    NIRA_IPC_LOG_ERROR(TAG, "wsi activate ERROR.[context == NULL]");
+    return false;
+  }
+  m_Loop->StartThread("nira-prox-svc", Gate(), [this] { m_ServiceThread(); });
+  return true;
+}
+
+// Each step is an attempt, unless the one before is still under way: a service that begins to listen meanwhile is
+// found, and one that is slow to answer is not given up.
+bool CNiraIpcProxyWebsocket::m_AwaitConnected() {
+  const auto start = std::chrono::steady_clock::now();
+  std::unique_lock<std::mutex> lock(m_Mutex);
+  for (int attempt = 0; attempt < kNiraIpcConnectAttempts && m_bRun; ++attempt) {
+    if (!m_bConnected) {
+      NIRA_IPC_LOG_ERROR(TAG, "[%d] Retry in %d ms.", attempt, static_cast<int>(kNiraIpcConnectStep.count()));
+      m_bAttemptWanted = true;
+      lock.unlock();
+      m_Loop->Wake();
+      lock.lock();
+      m_StateChanged.wait_until(lock, start + (attempt + 1) * kNiraIpcConnectStep,
+                                [this] { return m_bConnected || !m_bRun; });
+    }
+    if (m_bConnected && m_bRun) {
+      NIRA_IPC_LOG_INFO(TAG, "Connected.");
+      m_Phase = Phase::kUp;
+      return true;
+    }
+  }
+  return false;
+}
+
+void CNiraIpcProxyWebsocket::SetDisconnect() {
+  if (!IsConnected()) return;
+  NIRA_IPC_LOG_ERROR(TAG, "SetDisconnect  m_DisconnectWebsocket");
+  m_DisconnectWebsocket();
+}
+
+// Ends whatever there is of a connection. Of several threads that do so at once, one does it and the others wait; a
+// connect that is under way gives up.
+void CNiraIpcProxyWebsocket::m_DisconnectWebsocket() {
+  std::shared_ptr<CNiraIpcLoop> loop;
+  {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    m_StateChanged.wait(lock, [this] { return m_Phase != Phase::kDisconnecting; });
+    if (m_Phase == Phase::kIdle) return;
+    m_Phase = Phase::kDisconnecting;
+    m_bRun = m_bConnected = false;
+    loop = m_Loop;
+    m_StateChanged.notify_all();
+  }
+  NIRA_IPC_LOG_INFO(TAG, "wsi Disconnect start");
+  loop->Stop();
+  {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    m_Loop.reset();
+    m_Phase = Phase::kIdle;
+    m_StateChanged.notify_all();
+  }
+  NIRA_IPC_LOG_INFO(TAG, "wsi Disconnect end");
+}
+
+void CNiraIpcProxyWebsocket::TearDown() {
+  m_DisconnectWebsocket();
+  m_RunCompletionsHere();
+  Gate()->CloseAndWait();
+}
+
+bool CNiraIpcProxyWebsocket::IsConnected() {
+  std::lock_guard<std::mutex> lock(m_Mutex);
+  NIRA_IPC_LOG_DEBUG(TAG, "IsConnected = %d", m_bConnected);
+  return m_bConnected;
+}
+
+bool CNiraIpcProxyWebsocket::IsRun() {
+  std::lock_guard<std::mutex> lock(m_Mutex);
+  return m_bRun;
+}
+
+void CNiraIpcProxyWebsocket::SetIsConnected(bool connected) {
+  std::lock_guard<std::mutex> lock(m_Mutex);
+  m_bConnected = connected && m_bRun;
+  if (m_bConnected) m_bClosedByServer = false;
+  NIRA_IPC_LOG_INFO(TAG, "SetIsConnected = %d", connected);
+  m_StateChanged.notify_all();
+}
+
+void CNiraIpcProxyWebsocket::m_ServiceThread() {
+  NIRA_IPC_LOG_INFO(TAG, "[Main] lws_service start");
+  while (!m_Loop->IsStopping() && m_Loop->Service()) {
+  }
+  lws_sul_cancel(&m_Timer.sul);
+  m_Timer.isSet = false;
+  m_Loop->DestroyContext();
+  m_pWsi = nullptr;
+  m_CloseConnection();  // if it ended without a close event
+  NIRA_IPC_LOG_INFO(TAG, "[Main] lws_service end");
+}
+
+// Begins an attempt at a connection if one is wanted and none is under way.
+void CNiraIpcProxyWebsocket::m_Attempt() {
+  {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (!m_bAttemptWanted || m_bConnected || m_pWsi != nullptr) return;
+    m_bAttemptWanted = false;
+  }
+  lws_client_connect_info info = {};
+  info.context = m_Loop->Context();
+  info.address = kAddress;
+  info.port = m_nPort;
+  info.path = "/";
+  info.host = kHost;
+  info.origin = kHost;
+  info.local_protocol_name = m_Protocols[0].name;
+  info.ietf_version_or_minus_one = -1;
+  info.retry_and_idle_policy = &kNoIdleHangUp;
+  info.pwsi = &m_pWsi;  // set before the first event, and to null if there is none
+  NIRA_IPC_LOG_ERROR(TAG, "lws_client_connect_via_info start");
+  if (lws_client_connect_via_info(&info) == nullptr) NIRA_IPC_LOG_ERROR(TAG, "wsi create error.");
+}
+
+int CNiraIpcProxyWebsocket::t_WebSocketCbFunction(lws* wsi, lws_callback_reasons reason, void* user, void* in,
+                                                  size_t len) {
+  if (wsi == nullptr) {
+    NIRA_IPC_LOG_ERROR(TAG, "wsi is NULL");
+    return 0;
+  }
+  lws_context* context = lws_get_context(wsi);
+  auto* self = context != nullptr ? static_cast<CNiraIpcProxyWebsocket*>(lws_context_user(context)) : nullptr;
+  if (self == nullptr) {
+    NIRA_IPC_LOG_ERROR(TAG, "this_ptr is null");
+    return 0;
+  }
+  (void)user;
+  constexpr int kClose = -1;  // what cannot be handled, for want of memory, costs the connection
+  return NiraIpcGuarded(TAG, "websocket event", kClose,
+                        [=] { return self->m_WebSocketCbFunction(wsi, reason, in, len); });
+}
+
+int CNiraIpcProxyWebsocket::m_WebSocketCbFunction(lws* wsi, lws_callback_reasons reason, void* in, size_t len) {
+  switch (reason) {
+    case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
+      NIRA_IPC_LOG_ERROR(TAG, "[LWS_CALLBACK_CLIENT_CONNECTION_ERROR] connection error (%s)",
+                         in != nullptr ? static_cast<const char*>(in) : "");
+      break;
+    case LWS_CALLBACK_CLIENT_ESTABLISHED:
+      NIRA_IPC_LOG_ERROR(TAG, "[LWS_CALLBACK_CLIENT_ESTABLISHED] Connect with server success.");
+      m_OnEstablished(wsi);
+      break;
+    case LWS_CALLBACK_CLIENT_CLOSED:
+    case LWS_CALLBACK_CLOSED:  // what older versions call it
+      NIRA_IPC_LOG_ERROR(TAG, "[LWS_CALLBACK_CLOSED] Client disconnected");
+      OnClose();
+      break;
+    case LWS_CALLBACK_WSI_DESTROY:
+      m_OnAttemptEnded(wsi);
+      break;
+    case LWS_CALLBACK_CLIENT_RECEIVE:
+      return m_OnReceive(wsi, static_cast<const char*>(in), len);
+    case LWS_CALLBACK_CLIENT_WRITEABLE:
+      NIRA_IPC_LOG_INFO(TAG, "[LWS_CALLBACK_CLIENT_WRITEABLE] Available to send message to server ");
+      m_OnWritable();
+      break;
+    case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
+      m_OnWoken();
+      break;
+    case LWS_CALLBACK_PROTOCOL_DESTROY:
+      NIRA_IPC_LOG_ERROR(TAG, "[LWS_CALLBACK_PROTOCOL_DESTROY] Destroying web sockets");
+      break;
+    default:
+      break;
+  }
+  return 0;
+}
+
+void CNiraIpcProxyWebsocket::m_OnEstablished(lws* wsi) {
+  m_strReceived.clear();
+  SetIsConnected(true);
+  OnOpen();
+  lws_callback_on_writable(wsi);
+}
+
+// However an attempt or a connection ends, this comes last, and once.
+void CNiraIpcProxyWebsocket::m_OnAttemptEnded(const lws* wsi) {
+  if (wsi == m_pWsi) m_pWsi = nullptr;
+}
+
+int CNiraIpcProxyWebsocket::m_OnReceive(lws* wsi, const char* in, size_t len) {
+  NIRA_IPC_LOG_INFO(TAG, "[LWS_CALLBACK_CLIENT_RECEIVE] Received data from the server, length: %d",
+                    static_cast<int>(len));
+  const size_t remaining = lws_remaining_packet_payload(wsi);
+  NIRA_IPC_LOG_INFO(TAG, "[LWS_CALLBACK_CLIENT_RECEIVE] remaining size = %d", static_cast<int>(remaining));
+  if (remaining > kNiraIpcMaxIncomingMessage || m_strReceived.size() + len + remaining > kNiraIpcMaxIncomingMessage) {
+    NIRA_IPC_LOG_ERROR(TAG, "the server sends a message of more than %zu bytes. disconnect",
+                       kNiraIpcMaxIncomingMessage);
+    return -1;
+  }
+  m_strReceived.append(in, strnlen(in, len));  // JSON holds no NUL: a piece with one ends there
+  if (remaining != 0 || lws_is_final_fragment(wsi) == 0) return 0;
+  OnMessage(std::move(m_strReceived));
+  m_strReceived.clear();
+  return 0;
+}
+
+void CNiraIpcProxyWebsocket::m_OnWoken() {
+  bool overflowed = false;
+  {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    m_bWoken = false;
+    overflowed = m_bOverflowed;
+  }
+  m_Attempt();
+  m_SetTimer();
+  if (m_pWsi == nullptr || !IsConnected()) return;
+  if (overflowed) {
+    lws_set_timeout(m_pWsi, PENDING_TIMEOUT_USER_REASON_BASE, LWS_TO_KILL_ASYNC);
+  } else {
+    lws_callback_on_writable(m_pWsi);
+  }
+}
+
+void CNiraIpcProxyWebsocket::m_OnWritable() {
+  NIRA_IPC_LOG_INFO(TAG, "m_OnWritable");
+  m_WriteMessageToLWS();
+}
+
+void CNiraIpcProxyWebsocket::m_WriteMessageToLWS() {
+  std::string text = m_GetMessageQueue();
+  if (text.empty()) return;
+  const char* message = text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom;
+  NIRA_IPC_LOG_DEBUG(TAG, "[websocket] send msg = %s", message);
+  const int written = NiraIpcWriteText(m_pWsi, text);
+  NIRA_IPC_LOG_INFO(TAG, "lws_write end, msg: %s, ret %d", message, written);
+  lws_callback_on_writable(m_pWsi);
+  NIRA_IPC_LOG_DEBUG(TAG, "[websocket] lws_callback_on_writable end!!");
+}
+
+// Sets the timer to the first time-out of an asynchronous call, or off when none is outstanding: an idle connection
+// wakes for nothing.
+void CNiraIpcProxyWebsocket::m_SetTimer() {
+  const auto next = m_WaitItems.NextTimeout();
+  if (next.has_value() == m_Timer.isSet) return;  // if set, it is to an earlier time: it will be set anew when it fires
+  m_Timer.isSet = next.has_value();
+  if (!next) {
+    lws_sul_cancel(&m_Timer.sul);
+    return;
+  }
+  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(*next - MessageWaitItems::Clock::now());
+  const lws_usec_t microseconds = std::max<lws_usec_t>(left.count(), 1);
+  lws_sul_schedule(m_Loop->Context(), 0, &m_Timer.sul, t_OnTimer, microseconds);
+}
+
+void CNiraIpcProxyWebsocket::t_OnTimer(lws_sorted_usec_list_t* timer) {
+  CNiraIpcProxyWebsocket* self = reinterpret_cast<Timer*>(timer)->transport;
+  NiraIpcGuarded(TAG, "timer", [self] {
+    self->m_Timer.isSet = false;
+    self->m_WaitItems.AnswerTimedOut(MessageWaitItems::Clock::now());
+    self->m_SetTimer();
+  });
+}
+
+void CNiraIpcProxyWebsocket::OnOpen() {
+  NIRA_IPC_LOG_ERROR(TAG, "[websocket] open succeed.");
+  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_OPEN, "open");
+}
+
+void CNiraIpcProxyWebsocket::OnClose() {
+  NIRA_IPC_LOG_ERROR(TAG, "[websocket] onClose");
+  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_CLOSE, "close");
+  m_CloseConnection();
+}
+
+// Refuses requests from now on and answers those that wait.
+void CNiraIpcProxyWebsocket::m_CloseConnection() {
+  {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_bClosedByServer) return;
+    m_bClosedByServer = true;
+    m_MessageQueue.Clear();
+  }
+  m_WaitItems.ArrangeAllWaitItem();
+}
+
+void CNiraIpcProxyWebsocket::OnError() {
+  NIRA_IPC_LOG_ERROR(TAG, "[websocket] onError");
+  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_ERROR, "error");
+}
+
+void CNiraIpcProxyWebsocket::OnMessage(std::string&& text) {
+  NIRA_IPC_LOG_INFO(TAG, "[websocket] onMessage IN");
+  if (IsRun()) m_OnMessage(std::move(text));
+}
+
+// A reply is matched here, on the service thread, so that a call made inside a callback is answered while every worker
+// is busy with one.
+void CNiraIpcProxyWebsocket::m_OnMessage(std::string&& text) {
+  NIRA_IPC_LOG_INFO(TAG, "message received: %s\n", text.c_str());
+  Json::Value root;
+  if (!NiraIpcParseJson(text.c_str(), text.size(), root)) {
+    NIRA_IPC_LOG_ERROR(TAG, "parsingSuccessful returns false!! parse error!!");
+    return;
+  }
+  const Json::Value* member = NiraIpcFindMember(root, "uniqueKey");
+  const bool hasKey = member != nullptr && member->isInt();
+  const int key = hasKey ? member->asInt() : 0;
+  NIRA_IPC_LOG_INFO(TAG, "Finding uniqueKey in response from server %d", key);
+  if (hasKey && m_WaitItems.IsKeyCreated(key)) {
+    NIRA_IPC_LOG_INFO(TAG, "response of %d, Time elapsed : %u ms", key,
+                      CNiraIpcUtil::GetTimeInMs() - m_WaitItems.GetStartTick(key));
+    if (m_WaitItems.SetJsonResponse(key, std::move(root))) {
+      m_SetTimer();
+      return;
+    }
+  }
+  NIRA_IPC_LOG_INFO(TAG, "Unknown message");
+  m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_MESSAGE, std::move(text));
+}
+
+void CNiraIpcProxyWebsocket::m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, std::string text) {
+  m_ThreadPool.enqueue([this, gate = Gate(), type, text = std::move(text)] {
+    CNiraIpcCallbackGate::Pass pass(gate);
+    if (!pass) return;
+    NiraIpcGuarded(TAG, "callback", [this, type, &text] { CallInternalCallback(type, text); });
+  });
+}
+
+// Appends a message. False when the connection cannot take it.
+bool CNiraIpcProxyWebsocket::m_SetMessageQueue(const std::string& message) {
+  bool wake = false;
+  std::shared_ptr<CNiraIpcLoop> loop;
+  {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (!m_bConnected || m_bClosedByServer || m_bOverflowed) return false;
+    NIRA_IPC_LOG_INFO(TAG, "m_SetMessageQueue (%s)", message.c_str());
+    if (!m_MessageQueue.Push(message.data(), message.size())) {
+      NIRA_IPC_LOG_ERROR(TAG, "the server has left %zu bytes unread. disconnect", m_MessageQueue.Bytes());
+      m_bOverflowed = true;
+      m_MessageQueue.Clear();
+    }
+    wake = !m_bWoken;
+    m_bWoken = true;
+    loop = m_Loop;
+  }
+  NIRA_IPC_LOG_INFO(TAG, "Send lws_callback_on_writable");
+  if (wake) loop->Wake();
+  return true;
+}
+
+std::string CNiraIpcProxyWebsocket::m_GetMessageQueue() {
+  std::lock_guard<std::mutex> lock(m_Mutex);
+  std::string text = m_MessageQueue.Pop();
+  if (text.empty()) {
+    NIRA_IPC_LOG_INFO(TAG, "messageQueue empty");
+  } else {
+    NIRA_IPC_LOG_INFO(TAG, "m_GetMessageQueue return %s", text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom);
+  }
+  return text;
+}
+
+std::string CNiraIpcProxyWebsocket::m_ConvertJsonValueToString(const Json::Value& value) {
+  return NiraIpcWriteJson(value);
+}
+
+bool CNiraIpcProxyWebsocket::SendMessage(const char* requestType, Json::Value& request, std::string& reply) {
+  Json::Value json;
+  if (!m_SendMessage(requestType, request, json)) return false;
+  reply = m_ConvertJsonValueToString(json);
+  return true;
+}
+
+bool CNiraIpcProxyWebsocket::SendRequest(const char* requestType, Json::Value& request, Json::Value& reply) {
+  return m_SendMessage(requestType, request, reply);
+}
+
+bool CNiraIpcProxyWebsocket::m_SendMessage(const char* requestType, Json::Value& request, Json::Value& reply) {
+  int key = 0;
+  if (!m_QueueRequest(requestType, request, nullptr, key)) return false;
+  if (m_WaitItems.WaitForResponse(key)) {
+    reply = m_WaitItems.GetJsonResponse(key);
+    NIRA_IPC_LOG_INFO(TAG, "GET CONDITION");
+    NIRA_IPC_LOG_INFO(TAG, "response = %s", NiraIpcStyledJson(reply).c_str());
+  } else {
+    NIRA_IPC_LOG_ERROR(TAG, "TIMEOUT");
+    reply = MessageWaitItems::MakeFailReply("Timeout", key);
+  }
+  NIRA_IPC_LOG_INFO(TAG, "Got reply : %s", m_ConvertJsonValueToString(reply).c_str());
+  m_WaitItems.RemoveKey(key);
+  return true;
+}
+
+// Draws keys until one is free, and enters it into the table. Not 0, which stands for none in the log.
+int CNiraIpcProxyWebsocket::m_CreateKey(uint32_t now, const MessageWaitItems::Completion& completion) {
+  const auto deadline = MessageWaitItems::Clock::now() + kNiraIpcRequestTimeout;
+  for (;;) {
+    int key = 0;
+    {
+      std::lock_guard<std::mutex> lock(m_Mutex);
+      key = rand_r(&m_nSeed);
+    }
+    if (key == 0 || !m_WaitItems.CreateKey(key, deadline, completion)) continue;
+    m_WaitItems.SetStartTick(key, now);
+    NIRA_IPC_LOG_INFO(TAG, "Add uniqueKey %d to wait items", key);
+    return key;
+  }
+}
+
+// Whether requests may be sent; then also the caller's id.
+bool CNiraIpcProxyWebsocket::m_MaySend(std::string& caller) {
+  std::lock_guard<std::mutex> lock(m_Mutex);
+  if (!m_bConnected) {
+    NIRA_IPC_LOG_ERROR(TAG, "Websocket connection is not established.");
+    return false;
+  }
+  if (m_bClosedByServer) {
+    NIRA_IPC_LOG_ERROR(TAG, "Websocket connection is closed by server. can not send message");
+    return false;
+  }
+  caller = m_strAppId;
+  return true;
+}
+
+// Builds the envelope, enters the request into the table and queues it. False when it was refused: then nothing waits,
+// and the completion does not run.
+bool CNiraIpcProxyWebsocket::m_QueueRequest(const char* requestType, Json::Value& request,
+                                            const MessageWaitItems::Completion& completion, int& key) {
+  NIRA_IPC_LOG_INFO(TAG, "m_SendMessage\n");
+  std::string caller;
+  if (!m_MaySend(caller)) return false;
+  const uint32_t now = CNiraIpcUtil::GetTimeInMs();
+  key = m_CreateKey(now, completion);
+  Json::Value envelope(Json::objectValue);
+  envelope["request_type"] = requestType;
+  envelope["request"].swap(request);
+  envelope["uniqueKey"] = key;
+  envelope["timestamp"] = now;
+  envelope["caller"] = std::move(caller);
+  const std::string text = m_ConvertJsonValueToString(envelope);
+  NIRA_IPC_LOG_INFO(TAG, "Json = %s\n", text.c_str());
+  if (m_SetMessageQueue(text)) return true;
+  // The connection ended meanwhile. If that has run the completion already, the request was not refused but answered.
+  return !m_WaitItems.RemoveKey(key);
+}
+
+void CNiraIpcProxyWebsocket::SendMessageAsync(CRequestAsyncData* data) {
+  m_SendMessageAsync(data, this);
+}
+
+// Sends on the calling thread: asynchronous calls leave in the order in which they were made, and none holds a worker
+// while it is sent. The callback runs on a worker in any case.
+void CNiraIpcProxyWebsocket::m_SendMessageAsync(CRequestAsyncData* data, CNiraIpcProxyWebsocket* transport) {
+  NIRA_IPC_LOG_INFO(TAG, "m_SendMessageAsync");
+  const std::shared_ptr<CRequestAsyncData> record(data);
+  int key = 0;
+  const auto completion = [transport, record](Json::Value&& reply) { transport->m_OnAsyncReply(record, reply); };
+  if (!transport->m_QueueRequest(record->requestType, record->request, completion, key)) {
+    transport->m_Complete(record, "");
+  }
+}
+
+void CNiraIpcProxyWebsocket::m_OnAsyncReply(const std::shared_ptr<CRequestAsyncData>& record,
+                                            const Json::Value& reply) {
+  std::string text = m_ConvertJsonValueToString(reply);
+  NIRA_IPC_LOG_INFO(TAG, "Got reply : %s", text.c_str());
+  m_Complete(record, std::move(text));
+}
+
+// Has a worker run the callback. From here on its place is held: the proxy does not go before it has run.
+void CNiraIpcProxyWebsocket::m_Complete(const std::shared_ptr<CRequestAsyncData>& record, std::string reply) {
+  {
+    std::lock_guard<std::mutex> lock(m_Completions->lock);
+    m_Completions->entries.push_back({record, std::move(reply)});
+  }
+  Gate()->Hold();
+  try {
+    m_ThreadPool.enqueue([gate = Gate(), completions = m_Completions] { t_RunCompletion(gate, *completions); });
+  } catch (const std::exception& exception) {  // the process exits, or has no memory: the callback cannot run
+    NIRA_IPC_LOG_ERROR(TAG, "callback of an asynchronous call lost: %s", exception.what());
+    std::lock_guard<std::mutex> lock(m_Completions->lock);
+    m_Completions->entries.pop_back();
+    CNiraIpcCallbackGate::Pass release(Gate(), CNiraIpcCallbackGate::Pass::Held());
+  }
+}
+
+// Runs the oldest callback that waits; false when there is none.
+bool CNiraIpcProxyWebsocket::t_RunCompletion(const std::shared_ptr<CNiraIpcCallbackGate>& gate,
+                                             Completions& completions) {
+  Completions::Entry entry;
+  {
+    std::lock_guard<std::mutex> lock(completions.lock);
+    if (completions.entries.empty()) return false;
+    entry = std::move(completions.entries.front());
+    completions.entries.pop_front();
+  }
+  CNiraIpcCallbackGate::Pass pass(gate, CNiraIpcCallbackGate::Pass::Held());
+  if (gate->IsAbandoned() || entry.record->callback == nullptr) return true;
+  NiraIpcGuarded(TAG, "callback", [&entry] { entry.record->callback(entry.reply.c_str(), entry.record->userData); });
+  return true;
+}
+
+// When a worker frees the proxy, from inside a callback, it runs the callbacks that wait itself: every worker may be
+// doing the same, and then nobody else would.
+void CNiraIpcProxyWebsocket::m_RunCompletionsHere() {
+  if (!m_ThreadPool.IsWorker()) return;
+  while (t_RunCompletion(Gate(), *m_Completions)) {
+  }
+}
