@@ -1,0 +1,160 @@
+// A service and its apps in one process, on a free port, with a secret of their own.
+#ifndef NIRA_IPC_TESTS_FIXTURE_H
+#define NIRA_IPC_TESTS_FIXTURE_H
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "nira_ipc.h"
+
+using namespace std::chrono_literals;
+
+// Something that one thread waits for and others bring about.
+class Progress {
+ public:
+  void Add(int amount = 1) {
+    std::lock_guard<std::mutex> lock(m_Lock);
+    m_Count += amount;
+    m_Changed.notify_all();
+  }
+  int Count() const {
+    std::lock_guard<std::mutex> lock(m_Lock);
+    return m_Count;
+  }
+  bool Await(int count, std::chrono::milliseconds limit = 10s) const {
+    std::unique_lock<std::mutex> lock(m_Lock);
+    return m_Changed.wait_for(lock, limit, [&] { return m_Count >= count; });
+  }
+
+ private:
+  mutable std::mutex m_Lock;
+  mutable std::condition_variable m_Changed;
+  int m_Count = 0;
+};
+
+inline bool AwaitTrue(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(2ms);
+  }
+  return true;
+}
+
+inline int FreePort() {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  const bool ok = bind(fd, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
+                  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0;
+  close(fd);
+  return ok ? ntohs(address.sin_port) : 0;
+}
+
+// The names of this process's threads that begin with `prefix`.
+inline int CountThreads(const std::string& prefix) {
+  int count = 0;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream file(task.path() / "comm");
+    std::string name;
+    std::getline(file, name);
+    count += name.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
+  }
+  return count;
+}
+
+class EndToEnd : public testing::Test {
+ protected:
+  EndToEnd() {
+    char path[] = "/tmp/nira-ipc-test-XXXXXX";
+    m_Storage = mkdtemp(path);
+    std::ofstream(m_Storage + "/nira_ipc_key") << "a secret of this test";
+    std::filesystem::permissions(m_Storage + "/nira_ipc_key", std::filesystem::perms::owner_read);
+    setenv("NIRA_IPC_SECURE_STORAGE", m_Storage.c_str(), 1);
+  }
+  ~EndToEnd() override {
+    for (void* proxy : m_Proxies) nira_ipc_proxy_free(proxy);
+    nira_ipc_stub_stop(stub);
+    std::filesystem::remove_all(m_Storage);
+  }
+
+  void StartStub() {
+    stub = nira_ipc_stub_start(port);
+    ASSERT_NE(stub, nullptr);
+    nira_ipc_stub_register_method_handler(stub, Answer, this);
+  }
+
+  // A proxy that is freed at the end, unless the test takes it.
+  void* NewProxy() { return m_Proxies.emplace_back(nira_ipc_proxy_new()); }
+  void* Connected(const char* id) {
+    void* proxy = NewProxy();
+    EXPECT_EQ(nira_ipc_proxy_connect(proxy, port, id), 1);
+    return proxy;
+  }
+  void* Take(void* proxy) {
+    m_Proxies.erase(std::find(m_Proxies.begin(), m_Proxies.end(), proxy));
+    return proxy;
+  }
+
+  // Calls "twice" with a number and gives the answer; -1 when there is none.
+  static int CallTwice(void* proxy, int number) {
+    void* func = nira_ipc_func_new("twice");
+    nira_ipc_func_add_param_int(func, "number", number);
+    void* result = nira_ipc_proxy_call_function(proxy, func);
+    int twice = -1;
+    if (nira_ipc_func_result_get_result(result)) nira_ipc_func_result_get_param_int(result, "twice", &twice);
+    nira_ipc_func_result_free(result);
+    nira_ipc_func_free(func);
+    return twice;
+  }
+
+  static void CallAsync(void* proxy, const char* method, nira_ipc_proxy_callback callback, void* userData) {
+    void* func = nira_ipc_func_new(method);
+    nira_ipc_proxy_call_function_async(proxy, func, callback, userData);
+    nira_ipc_func_free(func);
+  }
+
+  // The service: "twice" answers, "hang" holds its worker until the test lets it go, "throw" throws.
+  static void Answer(void* func, const char*, void* result, void* self) {
+    auto* test = static_cast<EndToEnd*>(self);
+    char* name = nullptr;
+    nira_ipc_func_get_func_name(func, &name);
+    const std::string method = name;
+    if (method == "throw") throw std::string("not even an exception");
+    if (method == "hang") {
+      test->hanging.Add();
+      test->release.Await(1);
+    }
+    int number = 0;
+    nira_ipc_func_get_param_int(func, "number", &number);
+    nira_ipc_func_result_add_param_int(result, "twice", 2 * number);
+    nira_ipc_func_result_set_result(result, 1);
+    test->handled.Add();
+  }
+
+  const int port = FreePort();
+  void* stub = nullptr;
+  Progress hanging, release, handled;
+
+ private:
+  std::string m_Storage;
+  std::vector<void*> m_Proxies;
+};
+
+#endif  // NIRA_IPC_TESTS_FIXTURE_H
