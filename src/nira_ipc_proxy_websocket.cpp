@@ -77,7 +77,7 @@ bool CNiraIpcProxyWebsocket::m_ConnectWebsocket(int port, const char* app_id) {
     m_MessageQueue.Clear();
     m_Loop = std::make_shared<CNiraIpcLoop>();
   }
-  const bool connected = NiraIpcGuarded(TAG, "connect", false, [this, port, app_id] {
+  const bool connected = NiraIpcGuarded(TAG, "connect", false, [this, port] {
     m_ThreadPool.RenewAfterFork();
     m_nPort = port;
     return m_CreateContext() && m_AwaitConnected();
@@ -528,7 +528,7 @@ bool CNiraIpcProxyWebsocket::m_QueueRequest(const char* requestType, Json::Value
   envelope["request"].swap(request);
   envelope["uniqueKey"] = key;
   envelope["timestamp"] = now;
-  envelope["caller"] = std::move(caller);
+  envelope["caller"] = caller;
   const std::string text = m_ConvertJsonValueToString(envelope);
   NIRA_IPC_LOG_INFO(TAG, "Json = %s\n", text.c_str());
   if (m_SetMessageQueue(text)) return true;

@@ -211,7 +211,7 @@ bool CNiraIpcStubWebsocket::m_MayAccept(int descriptor) const {
 
 void CNiraIpcStubWebsocket::m_OnEstablished(lws* wsi, ConnectionPtr** slot) {
   NIRA_IPC_LOG_ERROR(TAG, "[CNiraIpcStubWebsocket] Connection established");
-  void* handle = reinterpret_cast<void*>(++m_nLastHandle);
+  void* handle = reinterpret_cast<void*>(++m_nLastHandle);  // NOLINT(performance-no-int-to-ptr): never dereferenced
   auto connection = std::make_shared<Connection>(handle, wsi);
   auto entry = std::make_unique<ConnectionPtr>(connection);
   {

@@ -49,8 +49,8 @@ class ErrnoKeeper {
   const int m_Errno = errno;
 };
 
-// Whether the process has a log function of its own before this one. Asked of the dynamic linker at run time: what the
-// compiler or a link with -Bsymbolic would make of the function's address here says nothing about other libraries.
+// Whether the process has a log function of its own before this one. The dynamic linker is asked at run time, because a
+// compiler may take it for granted that this library's references to its own functions stay at home.
 bool IsReplaced() {
   return dlsym(RTLD_DEFAULT, "__dlog_print") != reinterpret_cast<void*>(&nira_host_dlog_print);
 }

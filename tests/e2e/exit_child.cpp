@@ -10,13 +10,18 @@
 
 namespace {
 
+// Never stopped nor freed, and not lost either.
+void* volatile stub;
+void* volatile proxy;
+void* volatile second;
+
 void ExitNow() {
   static std::atomic<bool> begun{false};  // several threads may come here; exit wants one
   if (!begun.exchange(true)) exit(7);
 }
 
-void CallAsync(void* proxy, const char* method, nira_ipc_proxy_callback callback) {
-  void* func = nira_ipc_func_new(method);
+void CallAsync(nira_ipc_proxy_callback callback) {
+  void* func = nira_ipc_func_new("any");
   nira_ipc_proxy_call_function_async(proxy, func, callback, nullptr);
   nira_ipc_func_free(func);
 }
@@ -26,8 +31,8 @@ void CallAsync(void* proxy, const char* method, nira_ipc_proxy_callback callback
 int main(int, char** argv) {
   const int port = atoi(argv[1]);
   const std::string where = argv[2];
-  void* stub = nira_ipc_stub_start(port);
-  void* proxy = nira_ipc_proxy_new();
+  stub = nira_ipc_stub_start(port);
+  proxy = nira_ipc_proxy_new();
   if (where == "handler") {
     nira_ipc_stub_register_method_handler(
         stub, [](void*, const char*, void*, void*) { ExitNow(); }, nullptr);
@@ -36,10 +41,11 @@ int main(int, char** argv) {
   if (where == "open") {
     nira_ipc_stub_register_callback(
         stub, NIRA_IPC_STUB_CALLBACK_OPEN, [](const char*, const char*, void*) { ExitNow(); }, nullptr);
-    nira_ipc_proxy_connect(nira_ipc_proxy_new(), port, "second");
+    second = nira_ipc_proxy_new();
+    nira_ipc_proxy_connect(second, port, "second");
   }
-  for (int i = 0; i < 100; ++i) CallAsync(proxy, "any", [](const char*, void*) {});
-  if (where == "callback") CallAsync(proxy, "any", [](const char*, void*) { ExitNow(); });
+  for (int i = 0; i < 100; ++i) CallAsync([](const char*, void*) {});
+  if (where == "callback") CallAsync([](const char*, void*) { ExitNow(); });
   if (where == "main") exit(7);
   for (;;) pause();
 }

@@ -22,7 +22,7 @@ std::map<std::string, std::string> StatusOfThreads(const std::string& field) {
     std::string name;
     while (std::getline(file, line)) {
       if (line.rfind("Name:", 0) == 0) name = line.substr(6);
-      if (line.rfind(field + ":", 0) == 0 && name.rfind("nira-", 0) == 0) {
+      if (line.rfind(field + ":", 0) == 0 && (name.rfind("nira-stub", 0) == 0 || name.rfind("nira-prox", 0) == 0)) {
         values[task.path().filename().string() + " " + name] += line;
       }
     }
