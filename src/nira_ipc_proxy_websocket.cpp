@@ -54,7 +54,7 @@ CNiraIpcProxyWebsocket::CNiraIpcProxyWebsocket() : m_nSeed(static_cast<unsigned>
 
 CNiraIpcProxyWebsocket::~CNiraIpcProxyWebsocket() {
   NIRA_IPC_LOG_INFO(TAG, "~CNiraIpcProxyWebsocket");
-  m_DisconnectWebsocket();
+  CNiraIpcProxyWebsocket::TearDown();
 }
 
 bool CNiraIpcProxyWebsocket::SetConnect(int port, const char* app_id) {
@@ -393,6 +393,10 @@ void CNiraIpcProxyWebsocket::m_OnMessage(std::string&& text) {
   Json::Value root;
   if (!NiraIpcParseJson(text.c_str(), text.size(), root)) {
     NIRA_IPC_LOG_ERROR(TAG, "parsingSuccessful returns false!! parse error!!");
+    return;
+  }
+  if (!root.isObject()) {
+    NIRA_IPC_LOG_ERROR(TAG, "a message that is no JSON object is dropped");
     return;
   }
   const Json::Value* member = NiraIpcFindMember(root, "uniqueKey");

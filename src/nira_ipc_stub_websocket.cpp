@@ -81,7 +81,10 @@ CNiraIpcStubWebsocket::CNiraIpcStubWebsocket() {
   (void)stopBeforeStatics;
 }
 
-CNiraIpcStubWebsocket::~CNiraIpcStubWebsocket() = default;
+CNiraIpcStubWebsocket::~CNiraIpcStubWebsocket() {
+  CNiraIpcStubWebsocket::Stop();
+  Gate()->CloseAndWait();
+}
 
 bool CNiraIpcStubWebsocket::Start(int port) {
   m_ThreadPool.RenewAfterFork();

@@ -6,14 +6,17 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -26,9 +29,9 @@ using namespace std::chrono_literals;
 // Something that one thread waits for and others bring about.
 class Progress {
  public:
-  void Add(int amount = 1) {
+  void Add() {
     std::lock_guard<std::mutex> lock(m_Lock);
-    m_Count += amount;
+    ++m_Count;
     m_Changed.notify_all();
   }
   int Count() const {
@@ -55,6 +58,12 @@ inline bool AwaitTrue(const std::function<bool()>& condition, std::chrono::milli
   return true;
 }
 
+inline void ExpectExit(pid_t child, int code, const char* what = "") {
+  int status = 0;
+  EXPECT_TRUE(AwaitTrue([&] { return waitpid(child, &status, WNOHANG) == child; }, 30s)) << what;
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == code) << what << ": " << status;
+}
+
 inline int FreePort() {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = {};
@@ -67,20 +76,29 @@ inline int FreePort() {
   return ok ? ntohs(address.sin_port) : 0;
 }
 
-// The names of this process's threads that begin with `prefix`.
-inline int CountThreads(const std::string& prefix) {
-  int count = 0;
+// The library's threads: a field of each one's status file, by id and name.
+inline std::vector<std::pair<std::string, std::string>> LibraryThreads(const std::string& field = "Tgid") {
+  std::vector<std::pair<std::string, std::string>> threads;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::ifstream file(task.path() / "comm");
-    std::string name;
+    std::ifstream file(task.path() / "status");
+    std::string name, line;
     std::getline(file, name);
-    count += name.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
+    while (std::getline(file, line) && line.rfind(field + ":", 0) != 0) {
+    }
+    if (name.find("nira-stub") == 6 || name.find("nira-prox") == 6) threads.emplace_back(name.substr(6), line);
   }
-  return count;
+  return threads;
+}
+
+inline long CountThreads(const std::string& name) {
+  const auto threads = LibraryThreads();
+  return std::count_if(threads.begin(), threads.end(), [&](const auto& thread) { return thread.first == name; });
 }
 
 class EndToEnd : public testing::Test {
  protected:
+  using Hearer = std::function<void(const char*)>;
+
   EndToEnd() {
     char path[] = "/tmp/nira-ipc-test-XXXXXX";
     m_Storage = mkdtemp(path);
@@ -89,6 +107,7 @@ class EndToEnd : public testing::Test {
     setenv("NIRA_IPC_SECURE_STORAGE", m_Storage.c_str(), 1);
   }
   ~EndToEnd() override {
+    release.Add();
     for (void* proxy : m_Proxies) nira_ipc_proxy_free(proxy);
     nira_ipc_stub_stop(stub);
     std::filesystem::remove_all(m_Storage);
@@ -99,22 +118,29 @@ class EndToEnd : public testing::Test {
     ASSERT_NE(stub, nullptr);
     nira_ipc_stub_register_method_handler(stub, Answer, this);
   }
+  void StopStub() { nira_ipc_stub_stop(std::exchange(stub, nullptr)); }
 
-  // A proxy that is freed at the end, unless the test takes it.
+  // Proxies are freed at the end, unless the test frees them.
   void* NewProxy() { return m_Proxies.emplace_back(nira_ipc_proxy_new()); }
   void* Connected(const char* id) {
     void* proxy = NewProxy();
     EXPECT_EQ(nira_ipc_proxy_connect(proxy, port, id), 1);
     return proxy;
   }
-  void* Take(void* proxy) {
-    m_Proxies.erase(std::find(m_Proxies.begin(), m_Proxies.end(), proxy));
-    return proxy;
+  void Disown(void* proxy) { m_Proxies.erase(std::find(m_Proxies.begin(), m_Proxies.end(), proxy)); }
+
+  void Hear(void* proxy, NIRA_IPC_PROXY_CALLBACK_TYPE type, Hearer hearer) {
+    nira_ipc_proxy_register_callback(proxy, type, Call, &m_Hearers.emplace_back(std::move(hearer)));
+  }
+  void CallAsync(void* proxy, const char* method, Hearer hearer) {
+    void* func = nira_ipc_func_new(method);
+    nira_ipc_proxy_call_function_async(proxy, func, Call, &m_Hearers.emplace_back(std::move(hearer)));
+    nira_ipc_func_free(func);
   }
 
-  // Calls "twice" with a number and gives the answer; -1 when there is none.
-  static int CallTwice(void* proxy, int number) {
-    void* func = nira_ipc_func_new("twice");
+  // Calls "twice" with a number, or another method, and gives the answer; -1 when there is none.
+  static int CallTwice(void* proxy, int number, const char* method = "twice") {
+    void* func = nira_ipc_func_new(method);
     nira_ipc_func_add_param_int(func, "number", number);
     void* result = nira_ipc_proxy_call_function(proxy, func);
     int twice = -1;
@@ -122,12 +148,6 @@ class EndToEnd : public testing::Test {
     nira_ipc_func_result_free(result);
     nira_ipc_func_free(func);
     return twice;
-  }
-
-  static void CallAsync(void* proxy, const char* method, nira_ipc_proxy_callback callback, void* userData) {
-    void* func = nira_ipc_func_new(method);
-    nira_ipc_proxy_call_function_async(proxy, func, callback, userData);
-    nira_ipc_func_free(func);
   }
 
   // The service: "twice" answers, "hang" holds its worker until the test lets it go, "throw" throws.
@@ -153,8 +173,11 @@ class EndToEnd : public testing::Test {
   Progress hanging, release, handled;
 
  private:
+  static void Call(const char* text, void* hearer) { (*static_cast<Hearer*>(hearer))(text); }
+
   std::string m_Storage;
   std::vector<void*> m_Proxies;
+  std::deque<Hearer> m_Hearers;  // they stay where they are
 };
 
 #endif  // NIRA_IPC_TESTS_FIXTURE_H
