@@ -50,7 +50,10 @@ class ThreadPool {
     using Result = std::invoke_result_t<std::decay_t<F>, std::decay_t<Args>...>;
     auto task = std::make_shared<std::packaged_task<Result()>>(
         [f = std::forward<F>(f), args = std::make_tuple(std::forward<Args>(args)...)]() mutable -> Result {
-          return std::apply(std::move(f), std::move(args));
+          // What the task holds goes when it ends, on its worker: the future may keep the emptied task for longer.
+          auto call = std::move(f);
+          auto arguments = std::move(args);
+          return std::apply(std::move(call), std::move(arguments));
         });
     std::future<Result> result = task->get_future();
     {

@@ -45,7 +45,7 @@ class CNiraIpcProxy {
   bool CallBundleCallback(const Json::Value& bundle);
 
  private:
-  static constexpr int kCallbackTypes = 4;
+  static constexpr unsigned kCallbackTypes = 4;
 
   static void t_NiraIpcProxyCallbackOnOpen(const char* text, void* proxy);
   static void t_NiraIpcProxyCallbackOnClose(const char* text, void* proxy);

@@ -51,7 +51,7 @@ class CNiraIpcStub {
                                      const Json::Value& request, int uniqueKey);
 
  private:
-  static constexpr int kCallbackTypes = 3;
+  static constexpr unsigned kCallbackTypes = 3;
 
   static void t_NiraIpcStubCallbackOnOpen(const char* text, void* handle, void* facade);
   static void t_NiraIpcStubCallbackOnClose(const char* text, void* handle, void* facade);

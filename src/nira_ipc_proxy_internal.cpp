@@ -60,7 +60,7 @@ void CNiraIpcProxy::DisconnectAndDelete() {
 void CNiraIpcProxy::RegisterUserCallback(NIRA_IPC_PROXY_CALLBACK_TYPE type, nira_ipc_proxy_callback callback,
                                          void* userData) {
   NIRA_IPC_LOG_INFO(TAG, "user callback register : type(%d), cb(%p) ", type, reinterpret_cast<void*>(callback));
-  if (type < 0 || type >= kCallbackTypes) {
+  if (static_cast<unsigned>(type) >= kCallbackTypes) {  // it may have come from C as any number
     NIRA_IPC_LOG_ERROR(TAG, "there is no callback type(%d)", type);
     return;
   }

@@ -76,7 +76,7 @@ void CNiraIpcStub::StopAndDelete() {
 
 void CNiraIpcStub::RegisterUserCallback(NIRA_IPC_STUB_CALLBACK_TYPE type, nira_ipc_stub_callback callback,
                                         void* userData) {
-  if (type < 0 || type >= kCallbackTypes) {
+  if (static_cast<unsigned>(type) >= kCallbackTypes) {  // it may have come from C as any number
     NIRA_IPC_LOG_ERROR(TAG, "there is no callback type(%d)", type);
     return;
   }
