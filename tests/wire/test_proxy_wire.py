@@ -1,0 +1,166 @@
+"""The proxy, seen over the wire by services that are not ours: test_proxy_wire.py APP"""
+import concurrent.futures
+import pathlib
+import re
+import signal
+import time
+import unittest
+from wire import CASES, LARGEST, Process, Server, free_port, raw, registration, wakeups_while_idle
+
+REQUESTS = CASES["proxy: requests"]
+
+
+class Proxy(unittest.TestCase):
+    trap = Server()  # what the environment calls an HTTP proxy
+
+    def app(self):
+        app = Process(http_proxy=f"http://127.0.0.1:{self.trap.port}")
+        self.addCleanup(app.end)
+        return app
+
+    def connect(self, app, server, outcome="1", **answer):
+        app.tell(f"connect {server.port} app")
+        service = server.accept()
+        service.registration = service.hear()
+        service.answer(service.registration, **answer or {"result": "success to register app"})
+        self.expect(app, f"connect {outcome}")
+        return service
+
+    def pair(self):
+        return (app := self.app()), self.connect(app, Server())
+
+    def expect(self, app, line, least=0, most=1.5):
+        """A line that ends with the milliseconds that something took."""
+        self.assertTrue(least <= int(app.expect(re.escape(line) + r" (\d+)", most + 10)) / 1000 <= most, line)
+
+    def request_all(self, app, service):
+        """Each of the requests' cases, and what the app sends for it."""
+        app.tell(*(case["command"] for case in REQUESTS))
+        heard = [service.hear() for _ in REQUESTS]
+        return [(case, next(each for each in heard if each["request"] == case["request"])) for case in REQUESTS]
+
+    def expect_all(self, app, requests, outcome, message="", least=0, most=1.5):
+        for case, heard in requests:
+            line = case[outcome].replace("KEY", str(heard["uniqueKey"])).replace("MESSAGE", message)
+            self.expect(app, line, least, most)
+
+    def assert_works(self, app, service):
+        requests = self.request_all(app, service)
+        for case, heard in requests:
+            service.answer(heard, **case["members"])
+        self.expect_all(app, requests, "answered")
+
+    def test_registers_as_the_protocol_says_and_leaves_the_process_as_it_was(self):
+        app, service = self.pair()
+        headers, heard, now = service.request.headers, service.registration, int(time.time())
+        self.assertEqual((service.request.path, headers["Host"][:9]), ("/", "localhost"))
+        self.assertIsNone(headers.get("Sec-WebSocket-Protocol") or headers.get("Sec-WebSocket-Extensions"))
+        self.assertIn(heard["request"]["timestamp"], range(now - 10, now + 1))
+        self.assertIn(heard["uniqueKey"], range(2**31))
+        self.assertEqual(heard, {"request_type": "register", "caller": "app", "uniqueKey": heard["uniqueKey"],
+                                 "request": registration("app", heard["request"]["timestamp"]), "timestamp": "now"})
+        self.assertRaises(BlockingIOError, self.trap.accept, 0)
+        ignored = re.search(r"SigIgn:\s*(\w+)", pathlib.Path(f"/proc/{app.process.pid}/status").read_text())[1]
+        self.assertFalse(int(ignored, 16) >> (signal.SIGPIPE - 1) & 1)
+
+    def test_is_connected_when_it_is_accepted_and_once_at_a_time(self):
+        app, server = self.app(), Server()
+        for case in CASES["proxy: answers to a registration"]:
+            service = self.connect(app, server, case["connected"], **case["members"])
+            if case["connected"] == "1":
+                app.tell(f"connect {server.port} app")
+                self.expect(app, "connect 0")
+                self.assert_works(app, service)
+                app.tell("disconnect")
+            self.assertIsNone(service.hear(), case)
+        self.assertNotIn("event closed close", app.lines)
+        app.tell(f"connect {server.port} app")
+        server.accept().socket.close()  # in the middle of the registration
+        self.expect(app, "connect 0")
+        self.assert_works(app, self.connect(app, server))
+
+    def test_matches_answers_by_key_whatever_comes_between(self):
+        app, service = self.pair()
+        for case, heard in reversed(self.request_all(app, service)):
+            self.assertEqual(heard, {"request_type": case["request_type"], "request": case["request"], "caller": "app",
+                                     "uniqueKey": heard["uniqueKey"], "timestamp": "now"})
+            for text in CASES["proxy: texts between two answers"]:
+                service.say(raw(text).replace(b"KEY", str(heard["uniqueKey"]).encode()))
+            service.answer(heard, 30, **case["members"])
+            self.expect_all(app, [(case, heard)], "answered", most=10)
+        self.assertEqual([line for line in app.lines if "message" in line], [])
+
+    def test_delivers_pushes(self):
+        app, service = self.pair()
+        app.expect("event open open")
+        for case in CASES["proxy: pushes"]:
+            service.say(case["push"], 3)
+            if "returned" in case:
+                heard = service.hear()
+                self.assertEqual((heard["request_type"], heard["request"]), ("bundle", {"bundle": case["returned"]}))
+                service.answer(heard, stat="success")
+            app.expect(f"event {case['seen']}")
+        service.say(b'{"request":{"message":"' + b"x" * (LARGEST - 26) + b'"}}')
+        app.expect(f"event message {LARGEST - 26} bytes")
+
+    def test_answers_all_that_wait_when_the_connection_ends(self):
+        app, server = self.app(), Server()
+        for end in (lambda service: service.socket.close(), lambda service: service.protocol.send_close(),
+                    lambda service: service.say(b" " * (LARGEST + 1), 9), lambda service: app.tell("disconnect")):
+            service = self.connect(app, server)
+            requests = self.request_all(app, service)
+            end(service)
+            service.flush()
+            self.expect_all(app, requests, "failed", "Unexpected disconnection")
+            app.tell("call g", "async h", "send i", "disconnect")
+            for line in "call g false -1", "answer h", "send":
+                self.expect(app, line, most=0.5)
+        for _ in range(3):
+            app.expect("event closed close")
+        self.assert_works(app, self.connect(app, server))
+        self.assertNotIn("event closed close", app.lines)  # for its own disconnecting there is none
+
+    def unanswered_requests(self):
+        app, service = self.pair()
+        requests = self.request_all(app, service)
+        self.expect_all(app, requests, "failed", "Timeout", 19.9, 22)
+        for case, heard in requests:
+            service.answer(heard, **case["members"])
+        self.assert_works(app, service)
+        self.assertEqual([line for line in app.lines if "message" in line], [])
+
+    def services_that_do_not_answer(self):
+        mute, silent, apps = Server(), Server(), [self.app() for _ in range(3)]
+        for app, port in zip(apps, (mute.port, silent.port, free_port())):
+            app.tell(f"connect {port} app")
+        service = mute.accept()
+        for app, least, most in zip(apps, (19.9, 4.5, 4.5), (22.5, 6, 6)):
+            self.expect(app, "connect 0", least, most)
+            self.assert_works(app, self.connect(app, Server()))
+        self.assertEqual([service.hear()["request_type"], service.hear()], ["register", None])
+        retries = re.findall(r"\[(\d+)\] Retry in (\d+) ms\.", apps[2].log())[:10]
+        self.assertEqual(retries, [(str(number), "500") for number in range(10)])
+
+    def a_service_that_comes_late(self):
+        app, port = self.app(), free_port()
+        app.tell(f"connect {port} app")
+        while "[2] Retry" not in app.log():
+            time.sleep(0.01)
+        service = Server(port).accept()
+        service.answer(service.hear(), result="success to register app")
+        self.expect(app, "connect 1", 1, 2.5)
+
+    def an_idle_connection(self):
+        app, service = self.pair()
+        self.assertEqual(wakeups_while_idle(app.process.pid), 0)
+        self.assert_works(app, service)
+
+    def test_what_takes_its_time(self):
+        waits = (self.unanswered_requests, self.services_that_do_not_answer, self.a_service_that_comes_late,
+                 self.an_idle_connection)
+        with concurrent.futures.ThreadPoolExecutor(len(waits)) as pool:
+            list(pool.map(lambda wait: wait(), waits))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2, warnings="ignore")
