@@ -102,7 +102,8 @@ class CNiraIpcStubWebsocket : public INiraIpcStub {
   std::shared_ptr<CNiraIpcLoop> m_Loop = std::make_shared<CNiraIpcLoop>();
 
   // Service thread only.
-  unsigned m_nSockets = 0;
+  unsigned m_nSockets = 0;     // of the context, clients' and others
+  unsigned m_nOwnSockets = 0;  // those others
   uintptr_t m_nLastHandle = 0;
 
   std::mutex m_Lock;

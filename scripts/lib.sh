@@ -29,7 +29,11 @@ install_missing() {
   want python3-websockets /usr/bin/python3 -c 'import websockets'
   if [ ${#missing[@]} -eq 0 ]; then return; fi
 
-  echo "Installing ${missing[*]}" >&2
+  install_packages "${missing[@]}"
+}
+
+install_packages() { # PACKAGE...
+  echo "Installing $*" >&2
   if ! command -v apt-get >/dev/null; then
     echo "There is no apt-get here: install them, or what they are called on this system, and come back." >&2
     return 1
@@ -37,7 +41,7 @@ install_missing() {
   local as_root=(env DEBIAN_FRONTEND=noninteractive)
   if [ "$(id -u)" -ne 0 ]; then as_root=(sudo "${as_root[@]}"); fi
   "${as_root[@]}" apt-get -qq update </dev/null >&2
-  "${as_root[@]}" apt-get -qq install -y --no-install-recommends "${missing[@]}" </dev/null >&2
+  "${as_root[@]}" apt-get -qq install -y --no-install-recommends "$@" </dev/null >&2
 }
 
 # Configures and builds the tree in DIRECTORY.

@@ -76,7 +76,7 @@ void INiraIpcStub::RemoveClientHandle(const std::string& appId) {
 std::string INiraIpcStub::RemoveClient(void* handle) {
   std::lock_guard<std::mutex> lock(m_Lock);
   m_WaitRegisterStates.erase(handle);
-  const std::string first = m_FindKey(handle);
+  std::string first = m_FindKey(handle);
   m_Erase(first, handle);
   // A connection may have registered under more than one id.
   for (auto client = m_Clients.begin(); client != m_Clients.end();) {

@@ -147,6 +147,7 @@ bool CNiraIpcStubWebsocket::m_SetWebSocketContext() {
       lws_adopt_descriptor_vhost(vhost, LWS_ADOPT_RAW_FILE_DESC, descriptor, kProtocol, nullptr) == nullptr) {
     NIRA_IPC_LOG_ERROR(TAG, "no descriptor to watch for SIGINT");
   }
+  m_nOwnSockets = m_nSockets;
   return true;
 }
 
@@ -207,8 +208,9 @@ int CNiraIpcStubWebsocket::m_WebSocketCbFunction(lws* wsi, lws_callback_reasons 
 }
 
 bool CNiraIpcStubWebsocket::m_MayAccept(int descriptor) const {
-  const bool mayAccept = m_nSockets < kNiraIpcMaxClients && descriptor < DescriptorLimit() - kSpareDescriptors;
-  if (!mayAccept) NIRA_IPC_LOG_ERROR(TAG, "connection refused: %u are open already", m_nSockets);
+  const unsigned clients = m_nSockets - m_nOwnSockets;
+  const bool mayAccept = clients < kNiraIpcMaxClients && descriptor < DescriptorLimit() - kSpareDescriptors;
+  if (!mayAccept) NIRA_IPC_LOG_ERROR(TAG, "connection refused: %u are open already", clients);
   return mayAccept;
 }
 

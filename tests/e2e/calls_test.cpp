@@ -49,36 +49,6 @@ TEST_F(Calls, CallsMadeInsideCallbacksCompleteWhileEveryWorkerIsInOne) {
   EXPECT_TRUE(done.Await(10));
 }
 
-TEST_F(Calls, AHandlerThatThrowsLosesItsRequestAlone) {
-  StartStub();
-  void* proxy = Connected("app");
-  LogCapture log;
-  Progress answered;
-  CallAsync(proxy, "throw", [&](const char*) { answered.Add(); });
-  EXPECT_TRUE(AwaitTrue([&] { return log.Count(6, "request ended with an exception") == 1; }));
-  EXPECT_EQ(CallTwice(proxy, 1), 2);
-  EXPECT_EQ(answered.Count(), 0);
-  nira_ipc_proxy_disconnect(proxy);
-  EXPECT_TRUE(answered.Await(1));
-}
-
-TEST_F(Calls, TextsOfOneSenderArriveInTheOrderSent) {
-  StartStub();
-  void* proxy = Connected("app");
-  LogCapture log;  // the service thread's view: callbacks may overtake each other
-  for (int i = 1000; i < 1300; ++i) nira_ipc_stub_send_message(stub, "app", std::to_string(i).c_str());
-  EXPECT_EQ(CallTwice(proxy, 1), 2);
-  std::vector<std::string> order;
-  for (const LogLine& line : log.Lines()) {
-    const size_t at = line.message.find("{\"message\":\"");
-    if (line.message.rfind("message received: ", 0) == 0 && at != std::string::npos) {
-      order.push_back(line.message.substr(at + 12, 4));
-    }
-  }
-  EXPECT_EQ(order.size(), 300u);
-  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
-}
-
 TEST_F(Calls, SlotsChangeWhileMessagesArrive) {
   static std::atomic<int> torn{0}, late{0};
   static std::atomic<bool> gone{false};
