@@ -106,12 +106,13 @@ bool CNiraIpcProxyWebsocket::m_CreateContext() {
 bool CNiraIpcProxyWebsocket::m_AwaitConnected() {
   const auto start = std::chrono::steady_clock::now();
   std::unique_lock<std::mutex> lock(m_Mutex);
+  const std::shared_ptr<CNiraIpcLoop> loop = m_Loop;
   for (int attempt = 0; attempt < kNiraIpcConnectAttempts && m_bRun; ++attempt) {
     if (!m_bConnected) {
       NIRA_IPC_LOG_ERROR(TAG, "[%d] Retry in %d ms.", attempt, static_cast<int>(kNiraIpcConnectStep.count()));
       m_bAttemptWanted = true;
       lock.unlock();
-      m_Loop->Wake();
+      loop->Wake();
       lock.lock();
       m_StateChanged.wait_until(lock, start + (attempt + 1) * kNiraIpcConnectStep,
                                 [this] { return m_bConnected || !m_bRun; });

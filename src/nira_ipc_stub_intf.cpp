@@ -159,6 +159,7 @@ void INiraIpcStub::PrintClientInfo() {
 }
 
 void INiraIpcStub::PrintClientWaitRegister() {
+  if (!NiraIpcLogWanted(NIRA_PLATFORM_LOG_INFO)) return;
   NIRA_IPC_LOG_INFO(TAG, "---------------------- lws(s) wait register state----------------------");
   int position = 0;
   for (const auto& entry : m_WaitRegisterStates) {

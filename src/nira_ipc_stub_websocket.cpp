@@ -136,7 +136,12 @@ void CNiraIpcStubWebsocket::m_SetWebSocketInfo() {
 
 bool CNiraIpcStubWebsocket::m_SetWebSocketContext() {
   const bool validPort = m_nPort >= 0 && m_nPort <= 65535;  // libwebsockets would cut it to 16 bits
-  if (!validPort || !m_Loop->CreateContext(m_ContextInfo)) {
+  bool created = validPort && m_Loop->CreateContext(m_ContextInfo);
+  if (validPort && !created && m_ContextInfo.iface == nullptr) {  // all interfaces, on a kernel without IPv6
+    m_ContextInfo.options |= LWS_SERVER_OPTION_DISABLE_IPV6;
+    created = m_Loop->CreateContext(m_ContextInfo);
+  }
+  if (!created) {
     NIRA_IPC_LOG_ERROR(TAG, "[m_SetWebSocketContext] Websocket context create error.");
     return false;
   }
