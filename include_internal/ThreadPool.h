@@ -2,6 +2,10 @@
 //
 // Any thread may enqueue. One lock guards the tasks and the stop flag; it is never held while a task runs. Workers
 // sleep until there is a task: an idle pool wakes for nothing.
+//
+// The workers start with the pool's first use, not with the pool. The library's pools are made while it is loaded, and
+// a service that becomes a daemon forks soon after: a thread that is just starting then may hold a lock of the
+// run-time's (the dynamic linker's, say), which nobody would ever release in the child.
 #ifndef NIRA_IPC_THREAD_POOL_H
 #define NIRA_IPC_THREAD_POOL_H
 
@@ -30,9 +34,9 @@
 class ThreadPool {
  public:
   // `name` and the worker's index make the threads' names.
-  explicit ThreadPool(unsigned threads, std::string name = "nira-pool-w") : m_Name(std::move(name)) {
+  explicit ThreadPool(unsigned threads, std::string name = "nira-pool-w")
+      : m_Name(std::move(name)), m_State(std::make_shared<State>(static_cast<int>(threads))) {
     NIRA_IPC_LOG_INFO(NIRA_IPC_TAG, "Creating Threadpool with %d threads.", static_cast<int>(threads));
-    Start(threads);
   }
 
   ~ThreadPool() {
@@ -48,6 +52,7 @@ class ThreadPool {
   template <class F, class... Args>
   auto enqueue(F&& f, Args&&... args) -> std::future<std::invoke_result_t<std::decay_t<F>, std::decay_t<Args>...>> {
     using Result = std::invoke_result_t<std::decay_t<F>, std::decay_t<Args>...>;
+    if (m_Process == 0) StartWorkers();
     auto task = std::make_shared<std::packaged_task<Result()>>(
         [f = std::forward<F>(f), args = std::make_tuple(std::forward<Args>(args)...)]() mutable -> Result {
           // What the task holds goes when it ends, on its worker: the future may keep the emptied task for longer.
@@ -71,7 +76,7 @@ class ThreadPool {
   // exit(), is left to itself. Done by the destructor if nobody did before.
   void Stop() {
     // In a child of fork() the workers do not exist: joining them would wait for ever.
-    if (m_Process != getpid()) return;
+    if (m_Process != 0 && m_Process != getpid()) return;
     {
       std::lock_guard<std::mutex> lock(m_State->lock);
       m_State->stop = true;
@@ -99,14 +104,18 @@ class ThreadPool {
   // Whether the calling thread is one of the workers.
   bool IsWorker() const { return t_State == m_State.get(); }
 
-  // Gives a child of fork() (a service that became a daemon after the library was loaded) workers of its own. The
-  // parent's thread objects and locks are abandoned: nobody in this process can ever release them.
-  void RenewAfterFork() {
+  // Starts the workers unless this process has them. A child of fork() gets its own: the parent's thread objects and
+  // locks are abandoned, because nobody in the child can ever release them.
+  void StartWorkers() {
     if (m_Process == getpid()) return;
-    std::lock_guard<std::mutex> lock(m_Renewing);
+    std::lock_guard<std::mutex> lock(m_Starting);
     if (m_Process == getpid()) return;
     AbandonWorkers();
-    Start(static_cast<unsigned>(m_State->count));
+    if (m_Process != 0) m_State = std::make_shared<State>(m_State->count);
+    for (int i = 0; i < m_State->count; ++i) {
+      m_Workers.push_back(NiraIpcStartThread(m_Name + std::to_string(i), [state = m_State, i] { Work(*state, i); }));
+    }
+    m_Process = getpid();  // last: whoever finds it finds the rest
   }
 
  private:
@@ -122,15 +131,6 @@ class ThreadPool {
 
     explicit State(int threads) : count(threads) {}
   };
-
-  void Start(unsigned threads) {
-    m_State = std::make_shared<State>(static_cast<int>(threads));
-    for (unsigned i = 0; i < threads; ++i) {
-      m_Workers.push_back(
-          NiraIpcStartThread(m_Name + std::to_string(i), [state = m_State, i] { Work(*state, static_cast<int>(i)); }));
-    }
-    m_Process = getpid();  // last: whoever finds it finds the rest
-  }
 
   // In a child of fork(): the parent's thread objects can be neither joined nor detached, and destroying one that is
   // joinable ends the process. So each is overwritten.
@@ -176,8 +176,8 @@ class ThreadPool {
   static inline thread_local const State* t_State = nullptr;
 
   const std::string m_Name;
-  std::mutex m_Renewing;            // one thread renews
-  std::atomic<pid_t> m_Process{0};  // whose workers these are
+  std::mutex m_Starting;            // one thread starts them
+  std::atomic<pid_t> m_Process{0};  // whose workers these are; 0: nobody's yet
   std::shared_ptr<State> m_State;
   std::vector<std::thread> m_Workers;
 };

@@ -78,7 +78,7 @@ bool CNiraIpcProxyWebsocket::m_ConnectWebsocket(int port, const char* app_id) {
     m_Loop = std::make_shared<CNiraIpcLoop>();
   }
   const bool connected = NiraIpcGuarded(TAG, "connect", false, [this, port] {
-    m_ThreadPool.RenewAfterFork();
+    m_ThreadPool.StartWorkers();
     m_nPort = port;
     return m_CreateContext() && m_AwaitConnected();
   });

@@ -87,7 +87,7 @@ CNiraIpcStubWebsocket::~CNiraIpcStubWebsocket() {
 }
 
 bool CNiraIpcStubWebsocket::Start(int port) {
-  m_ThreadPool.RenewAfterFork();
+  m_ThreadPool.StartWorkers();
   struct sigaction action = {};
   action.sa_handler = INT_HANDLER;
   sigemptyset(&action.sa_mask);

@@ -84,7 +84,7 @@ TEST(AThreadPool, GivesAForkedChildWorkersOfItsOwn) {
   const auto child = [&] {
     alarm(20);
     abandoned.reset();
-    pool.RenewAfterFork();
+    pool.StartWorkers();
     auto result = pool.enqueue([] { return 7; });
     pool.Stop();
     _exit(result.get());
