@@ -1,4 +1,5 @@
 """What the tests of both ends share: the program under test, and a peer for it that is not ours."""
+import collections
 import contextlib
 import hashlib
 import itertools
@@ -13,10 +14,6 @@ import sys
 import tempfile
 import time
 from websockets import client, frames, server, uri
-
-# They were called connections before websockets 11.
-ClientProtocol = getattr(client, "ClientProtocol", None) or client.ClientConnection
-ServerProtocol = getattr(server, "ServerProtocol", None) or server.ServerConnection
 
 PROGRAM = os.path.abspath(sys.argv.pop(1))
 SECRET = "the secret of these tests"
@@ -47,25 +44,25 @@ def registration(app, stamp, name="libnira-ipc"):
             "niraIpcClient": name, "authKey": hashlib.sha256(source.encode()).hexdigest(), "timestamp": stamp}
 
 
-def wakeups_while_idle(pid):
-    """How often the program's and the library's threads are woken in five seconds in which nothing happens."""
-    def wakeups():
-        states = [(path.parts[-2], path.read_text()) for path in pathlib.Path(f"/proc/{pid}/task").glob("*/status")]
-        return sum(int(re.search(r"\nvoluntary_ctxt_switches:\s*(\d+)", state)[1]) for task, state in states
-                   if task == str(pid) or re.match(r"Name:\s*nira-(stub|prox)", state))  # not a sanitizer's threads
+def sleeps_when_idle(pid):
+    """Whether none of the library's threads is woken in five seconds in which nothing happens."""
+    def switches():  # of contexts, by thread
+        states = (path.read_text() for path in pathlib.Path(f"/proc/{pid}/task").glob("*/status"))
+        return [state.split("\nvoluntary_")[1] for state in states if re.match(r"Name:\s*nira-(stub|prox)", state)]
 
     before, limit = None, time.monotonic() + 10
-    while before != (before := wakeups()) and time.monotonic() < limit:
+    while before != (before := switches()) and time.monotonic() < limit:
         time.sleep(0.2)  # what has just been done is not over yet
     time.sleep(5)  # this is what is measured
-    return wakeups() - before
+    return before == switches()
 
 
 class Process:
     """The program under test, with a secret. It ends when its input does; whatever is wrong then is a failure."""
 
     def __init__(self, *arguments, **environment):
-        self.storage, self.log_file, self.lines = tempfile.TemporaryDirectory(), tempfile.TemporaryFile(), []
+        self.storage, self.log_file = tempfile.TemporaryDirectory(), tempfile.TemporaryFile()
+        self.printed, self.told = collections.defaultdict(list), time.monotonic_ns()  # when, by line
         key = pathlib.Path(self.storage.name, "nira_ipc_key")
         key.touch(0o600)
         key.write_text(SECRET)
@@ -78,18 +75,19 @@ class Process:
         return os.pread(self.log_file.fileno(), 1 << 30, 0).decode(errors="replace")
 
     def tell(self, *commands):
+        self.told = time.monotonic_ns()
         self.process.stdin.write("".join(f"{command}\n" for command in commands).encode())
 
-    def expect(self, pattern, limit=15):
-        """Takes the first printed line that matches and was not taken yet; gives its last group."""
+    def expect(self, line, limit=15):
+        """Waits for such a line, and takes it; gives the seconds from the last command until it was printed."""
         deadline = time.monotonic() + limit
-        while not (matches := [match for line in self.lines if (match := re.fullmatch(pattern, line))]):
+        while not self.printed[line]:
             wait = max(deadline - time.monotonic(), 0)
-            line = select.select([self.process.stdout], [], [], wait)[0] and self.process.stdout.readline()
-            assert line, f"no {pattern!r} in {self.lines[-20:]}, log: {self.log()[-4000:]}"
-            self.lines.append(" ".join(line.decode(errors="replace").split()))
-        self.lines.remove(matches[0][0])
-        return matches[0][matches[0].lastindex or 0]
+            data = select.select([self.process.stdout], [], [], wait)[0] and self.process.stdout.readline()
+            assert data, f"no {line!r} after {list(self.printed)[-20:]}, log: {self.log()[-4000:]}"
+            stamp, *words = data.decode(errors="replace").split()
+            self.printed[" ".join(words)].append(int(stamp))
+        return (self.printed[line].pop(0) - self.told) / 1e9
 
     def end(self):
         self.process.stdin.close()
@@ -144,7 +142,7 @@ class Client(Peer):
 
     def __init__(self, port, app=None, **options):
         super().__init__(socket.create_connection(("127.0.0.1", port), 10),
-                         ClientProtocol(uri.parse_uri(f"ws://localhost:{port}/"), max_size=None, **options))
+                         client.ClientConnection(uri.parse_uri(f"ws://localhost:{port}/"), max_size=None, **options))
         self.protocol.send_request(self.protocol.connect())
         self.flush()
         self.response, self.app = self.next(), app
@@ -168,7 +166,7 @@ class Server:
 
     def accept(self, limit=10):
         self.socket.settimeout(limit)
-        peer = Peer(self.socket.accept()[0], ServerProtocol(max_size=None))
+        peer = Peer(self.socket.accept()[0], server.ServerConnection(max_size=None))
         peer.request = peer.next()
         peer.protocol.send_response(peer.protocol.accept(peer.request))
         peer.flush()
