@@ -1,7 +1,11 @@
-// A fixed set of worker threads for what must not run on a service thread: requests, callbacks, events.
+// A fixed set of worker threads for what must not run on a service thread: requests, callbacks, events. They also read
+// the descriptors that are given to the pool: a message is then processed by the thread that received it, without a
+// hand-over.
 //
-// Any thread may enqueue. One lock guards the tasks and the stop flag; it is never held while a task runs. Workers
-// sleep until there is a task: an idle pool wakes for nothing.
+// Any thread may enqueue and watch. One lock guards the tasks, the watched descriptors and the stop flag; it is never
+// held while a task or a watcher runs. Workers sleep in a poller until there is something to do: an idle pool wakes for
+// nothing. One worker at a time is being woken for tasks, and wakes the next if it finds more than one: a burst of
+// short tasks then costs one wake-up, and tasks that block still spread over all workers.
 //
 // The workers start with the pool's first use, not with the pool. The library's pools are made while it is loaded, and
 // a service that becomes a daemon forks soon after: a thread that is just starting then may hold a lock of the
@@ -12,9 +16,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <condition_variable>
+#include <cstdint>
 #include <deque>
-#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -24,10 +27,12 @@
 #include <thread>
 #include <tuple>
 #include <type_traits>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "nira_ipc_log.h"
+#include "nira_ipc_poller.h"
 #include "nira_ipc_thread.h"
 #include "nira_ipc_util.h"
 
@@ -35,7 +40,7 @@ class ThreadPool {
  public:
   // `name` and the worker's index make the threads' names.
   explicit ThreadPool(unsigned threads, std::string name = "nira-pool-w")
-      : m_Name(std::move(name)), m_State(std::make_shared<State>(static_cast<int>(threads))) {
+      : m_Name(std::move(name)), m_Count(static_cast<int>(threads)) {
     NIRA_IPC_LOG_INFO(NIRA_IPC_TAG, "Creating Threadpool with %d threads.", static_cast<int>(threads));
   }
 
@@ -47,41 +52,93 @@ class ThreadPool {
   ThreadPool(const ThreadPool&) = delete;
   ThreadPool& operator=(const ThreadPool&) = delete;
 
-  // Queues a call and returns the future of its result, which may be dropped: nobody waits. Throws std::runtime_error
-  // once the pool was stopped.
+  // Queues a call and returns the future of its result. Throws std::runtime_error once the pool was stopped.
   template <class F, class... Args>
   auto enqueue(F&& f, Args&&... args) -> std::future<std::invoke_result_t<std::decay_t<F>, std::decay_t<Args>...>> {
     using Result = std::invoke_result_t<std::decay_t<F>, std::decay_t<Args>...>;
-    if (m_Process == 0) StartWorkers();
-    auto task = std::make_shared<std::packaged_task<Result()>>(
+    std::packaged_task<Result()> task(
         [f = std::forward<F>(f), args = std::make_tuple(std::forward<Args>(args)...)]() mutable -> Result {
           // What the task holds goes when it ends, on its worker: the future may keep the emptied task for longer.
           auto call = std::move(f);
           auto arguments = std::move(args);
           return std::apply(std::move(call), std::move(arguments));
         });
-    std::future<Result> result = task->get_future();
+    std::future<Result> result = task.get_future();
+    Post(std::move(task));
+    return result;
+  }
+
+  // The same for a call whose result nobody waits for: one that must not throw.
+  template <class F>
+  void Post(F&& call) {
+    if (m_Process == 0) StartWorkers();
+    Task task = std::make_unique<Call<std::decay_t<F>>>(std::forward<F>(call));
+    bool wake = false;
     {
       std::lock_guard<std::mutex> lock(m_State->lock);
       if (m_State->stop) throw std::runtime_error("enqueue on stopped ThreadPool");
-      m_State->tasks.emplace_back([task = std::move(task)] { (*task)(); });
-      NIRA_IPC_LOG_INFO(NIRA_IPC_TAG, "%d threads are idle (of %d threads), %d remaining task(s)",
-                        m_State->count - m_State->busy.load(), m_State->count, static_cast<int>(m_State->tasks.size()));
+      m_State->tasks.push_back(std::move(task));
+      m_State->LogQueue(m_State->tasks.size());
+      wake = m_State->MustWake();
     }
-    m_State->condition.notify_one();
-    return result;
+    if (wake) m_State->poller.Wake();
+  }
+
+  // For a worker, inside a watcher: runs a call as if it had been enqueued and had come up at once.
+  template <class F>
+  void RunHere(F&& call) {
+    m_State->LogQueue(1);
+    Run(*m_State, call);
+  }
+
+  // Something that a worker calls when a descriptor of its is ready.
+  class Watcher {
+   public:
+    virtual ~Watcher() = default;
+    virtual void OnReady(uint32_t events) = 0;
+  };
+
+  // Has the workers watch a descriptor; gives the id for Arm and Unwatch, 0 if there is no memory for it. It is
+  // reported to one worker, and not again before it is armed anew. Unwatch before the descriptor is closed; a call that
+  // has begun may still be running then.
+  uint64_t Watch(int descriptor, std::shared_ptr<Watcher> watcher, uint32_t events) {
+    uint64_t id = 0;
+    {
+      std::lock_guard<std::mutex> lock(m_State->lock);
+      id = ++m_State->lastId;
+      m_State->watchers.emplace(id, std::move(watcher));
+    }
+    if (m_State->poller.Add(descriptor, id, events | EPOLLONESHOT)) return id;
+    std::lock_guard<std::mutex> lock(m_State->lock);
+    m_State->watchers.erase(id);
+    return 0;
+  }
+
+  void Arm(int descriptor, uint64_t id, uint32_t events) {
+    m_State->poller.Change(descriptor, id, events | EPOLLONESHOT);
+  }
+
+  void Unwatch(int descriptor, uint64_t id) {
+    std::shared_ptr<Watcher> watcher;  // goes after the lock is released
+    m_State->poller.Remove(descriptor);
+    std::lock_guard<std::mutex> lock(m_State->lock);
+    const auto found = m_State->watchers.find(id);
+    if (found == m_State->watchers.end()) return;
+    watcher = std::move(found->second);
+    m_State->watchers.erase(found);
   }
 
   // Runs what is queued to its end and joins the workers. A worker that stops its own pool, because a task called
   // exit(), is left to itself. Done by the destructor if nobody did before.
   void Stop() {
+    m_Stopped = true;
     // In a child of fork() the workers do not exist: joining them would wait for ever.
-    if (m_Process != 0 && m_Process != getpid()) return;
+    if (m_Process != getpid()) return;
     {
       std::lock_guard<std::mutex> lock(m_State->lock);
       m_State->stop = true;
     }
-    m_State->condition.notify_all();
+    m_State->poller.Wake();  // one worker, which wakes the next
     for (std::thread& worker : m_Workers) {
       if (worker.get_id() == std::this_thread::get_id()) {
         worker.detach();
@@ -102,7 +159,7 @@ class ThreadPool {
   };
 
   // Whether the calling thread is one of the workers.
-  bool IsWorker() const { return t_State == m_State.get(); }
+  bool IsWorker() const { return t_State != nullptr && t_State == m_State.get(); }
 
   // Starts the workers unless this process has them. A child of fork() gets its own: the parent's thread objects and
   // locks are abandoned, because nobody in the child can ever release them.
@@ -110,26 +167,51 @@ class ThreadPool {
     if (m_Process == getpid()) return;
     std::lock_guard<std::mutex> lock(m_Starting);
     if (m_Process == getpid()) return;
+    if (m_Stopped) throw std::runtime_error("enqueue on stopped ThreadPool");
     AbandonWorkers();
-    if (m_Process != 0) m_State = std::make_shared<State>(m_State->count);
-    for (int i = 0; i < m_State->count; ++i) {
+    m_State = std::make_shared<State>(m_Count);
+    for (int i = 0; i < m_Count; ++i) {
       m_Workers.push_back(NiraIpcStartThread(m_Name + std::to_string(i), [state = m_State, i] { Work(*state, i); }));
     }
     m_Process = getpid();  // last: whoever finds it finds the rest
   }
 
  private:
+  struct AnyCall {
+    virtual ~AnyCall() = default;
+    virtual void operator()() = 0;
+  };
+  template <class F>
+  struct Call final : AnyCall {
+    explicit Call(F aFunction) : function(std::move(aFunction)) {}
+    void operator()() override { function(); }
+    F function;
+  };
+  using Task = std::unique_ptr<AnyCall>;
+
   // What the workers use. Each of them holds it: one that was left to itself may outlive the pool, and in a child of
   // fork() those that do not exist keep it from being destroyed while they seem to wait in it.
   struct State {
     const int count;
+    CNiraIpcPoller poller;
     std::mutex lock;
-    std::condition_variable condition;
-    std::deque<std::function<void()>> tasks;  // guarded by lock
-    bool stop = false;                        // guarded by lock
-    std::atomic<int> busy{0};                 // only for the log
+    std::deque<Task> tasks;                                           // guarded by lock, as all but busy
+    std::unordered_map<uint64_t, std::shared_ptr<Watcher>> watchers;  // by id
+    uint64_t lastId = 0;
+    int sleeping = 0;
+    bool waking = false;  // a worker has been woken for tasks and has not looked yet
+    bool stop = false;
+    std::atomic<int> busy{0};  // only for the log
 
     explicit State(int threads) : count(threads) {}
+
+    // With the lock: whether the caller has to wake a worker, after releasing it.
+    bool MustWake() { return sleeping > 0 && !tasks.empty() && !std::exchange(waking, true); }
+
+    void LogQueue(size_t size) const {
+      NIRA_IPC_LOG_INFO(NIRA_IPC_TAG, "%d threads are idle (of %d threads), %d remaining task(s)", count - busy.load(),
+                        count, static_cast<int>(size));
+    }
   };
 
   // In a child of fork(): the parent's thread objects can be neither joined nor detached, and destroying one that is
@@ -141,26 +223,57 @@ class ThreadPool {
 
   static void Work(State& state, int index) {
     t_State = &state;
-    for (;;) {
-      std::function<void()> task;
-      {
-        std::unique_lock<std::mutex> lock(state.lock);
-        state.condition.wait(lock, [&state] { return state.stop || !state.tasks.empty(); });
-        if (state.tasks.empty()) return;
-        task = std::move(state.tasks.front());
-        state.tasks.pop_front();
-      }
-      Run(state, index, task);
+    t_Index = index;
+    while (WorkOnce(state)) {
     }
+    state.poller.Wake();  // the next worker ends, too
   }
 
-  static void Run(State& state, int index, std::function<void()>& task) {
+  // Runs a task, or sleeps until something comes and handles it if it is a descriptor. False when the pool has stopped
+  // and nothing is left.
+  static bool WorkOnce(State& state) {
+    Task task;
+    bool wake = false;
+    {
+      std::lock_guard<std::mutex> lock(state.lock);
+      if (!state.tasks.empty()) {
+        task = std::move(state.tasks.front());
+        state.tasks.pop_front();
+        wake = state.MustWake();
+      } else if (state.stop) {
+        return false;
+      } else {
+        ++state.sleeping;
+      }
+    }
+    if (wake) state.poller.Wake();
+    if (task != nullptr) {
+      Run(state, *task);
+    } else if (const auto [watcher, events] = Sleep(state); watcher != nullptr) {
+      watcher->OnReady(events);
+    }
+    return true;
+  }
+
+  static std::pair<std::shared_ptr<Watcher>, uint32_t> Sleep(State& state) {
+    const CNiraIpcPoller::Ready ready = state.poller.Wait();
+    std::lock_guard<std::mutex> lock(state.lock);
+    --state.sleeping;
+    if (ready.id == CNiraIpcPoller::kWoken) {
+      state.waking = false;
+      return {nullptr, 0};
+    }
+    const auto found = state.watchers.find(ready.id);
+    return {found != state.watchers.end() ? found->second : nullptr, ready.events};
+  }
+
+  template <class F>
+  static void Run(State& state, F& call) {
     const bool logged = NiraIpcLogWanted(NIRA_PLATFORM_LOG_INFO);
     ++state.busy;
     const uint32_t start = logged ? CNiraIpcUtil::GetTimeInMs() : 0;
-    NIRA_IPC_LOG_INFO(NIRA_IPC_TAG, "[%d] Task started. (%d/%d threads)", index, state.busy.load(), state.count);
-    task();
-    task = nullptr;
+    NIRA_IPC_LOG_INFO(NIRA_IPC_TAG, "[%d] Task started. (%d/%d threads)", t_Index, state.busy.load(), state.count);
+    call();
     --state.busy;
     if (!logged) return;
     size_t remaining = 0;
@@ -168,17 +281,20 @@ class ThreadPool {
       std::lock_guard<std::mutex> lock(state.lock);
       remaining = state.tasks.size();
     }
-    NIRA_IPC_LOG_INFO(NIRA_IPC_TAG, "[%d] Task done. ( %d ms)  (%d/%d threads), %d remaining task(s)", index,
+    NIRA_IPC_LOG_INFO(NIRA_IPC_TAG, "[%d] Task done. ( %d ms)  (%d/%d threads), %d remaining task(s)", t_Index,
                       static_cast<int>(CNiraIpcUtil::GetTimeInMs() - start), state.busy.load(), state.count,
                       static_cast<int>(remaining));
   }
 
   static inline thread_local const State* t_State = nullptr;
+  static inline thread_local int t_Index = -1;  // of the worker, for the log
 
   const std::string m_Name;
+  const int m_Count;
+  std::atomic<bool> m_Stopped{false};
   std::mutex m_Starting;            // one thread starts them
   std::atomic<pid_t> m_Process{0};  // whose workers these are; 0: nobody's yet
-  std::shared_ptr<State> m_State;
+  std::shared_ptr<State> m_State;   // null until then
   std::vector<std::thread> m_Workers;
 };
 

@@ -1,9 +1,11 @@
 // The requests of one proxy that wait for their replies, by "uniqueKey".
 //
-// Application threads and workers create and remove items and wait on them; the connection's service thread answers
-// them. The table's lock guards the map and every field but a blocking item's answer, which the item's own lock guards;
-// the table's lock is never held while somebody waits, nor while a completion runs. Items are shared, so a late reply
-// and the end of a wait cannot pull one away from under each other.
+// Application threads and workers create and remove items and wait on them; whoever reads the connection answers them.
+// At most one of the waiting threads leads: it waits on the connection itself and answers the others, so that a reply
+// need not be handed over to the one that waits for it. When it has its own, it passes the lead on.
+//
+// One lock guards the map and the items; it is not held while somebody waits, nor while a completion runs. Items are
+// shared, so a late reply and the end of a wait cannot pull one away from under each other.
 #ifndef NIRA_IPC_MESSAGE_WAIT_ITEM_H
 #define NIRA_IPC_MESSAGE_WAIT_ITEM_H
 
@@ -30,14 +32,16 @@ class WaitItem {
  private:
   friend class MessageWaitItems;
 
+  // Guarded by the table's lock.
   std::condition_variable m_Condition;
-  std::mutex m_Lock;
   bool m_Answered = false;
+  bool m_Sleeps = false;  // its thread waits on the condition and could lead
+  bool m_Leads = false;   // its thread is to lead
   Json::Value m_Response;
   uint32_t m_StartTick = 0;
   std::function<void(Json::Value&&)> m_Completion;  // instead of a waiting thread
   std::chrono::steady_clock::time_point m_Deadline;
-  std::list<int>::iterator m_Pending;  // its place in m_PendingCompletions, if it has a completion
+  std::list<int>::iterator m_Place;  // in m_Completions, or in m_Sleepers if m_Sleeps
 };
 
 class MessageWaitItems {
@@ -58,9 +62,21 @@ class MessageWaitItems {
   // Answers a request. False when none waits under the key (any more).
   bool SetJsonResponse(int key, Json::Value&& response);
 
+  // Makes the request's thread the leader if there is none.
+  bool TryLead(int key);
+
   // Blocks until the request is answered or its deadline has passed on the monotonic clock, whatever else wakes the
-  // thread; whether it was answered.
-  bool WaitForResponse(int key);
+  // thread; whether it was answered. A caller that can lead gives `mustLead`: if that is set, it has to read the
+  // connection until IsOver, call EndLead, and wait again.
+  bool WaitForResponse(int key, bool* mustLead = nullptr);
+
+  // Whether the request was answered or its deadline has passed.
+  bool IsOver(int key) const;
+
+  // The leader leads no more. False when nobody else waits who could.
+  bool EndLead(int key);
+
+  Clock::time_point GetDeadline(int key) const;
 
   // Takes the answer out of the item.
   Json::Value GetJsonResponse(int key);
@@ -81,13 +97,18 @@ class MessageWaitItems {
   static Json::Value MakeFailReply(const char* message, int key);
 
  private:
-  std::shared_ptr<WaitItem> m_Find(int key) const;
-  std::shared_ptr<WaitItem> m_TakeForAnswer(int key);
-  static bool m_Answer(WaitItem& item, Json::Value&& response);
+  using ItemPtr = std::shared_ptr<WaitItem>;
+
+  // All with the lock.
+  ItemPtr m_Find(int key) const;
+  void m_Remove(int key, WaitItem& item);
+  ItemPtr m_NextLeader();
 
   mutable std::mutex m_TableLock;
-  std::unordered_map<int, std::shared_ptr<WaitItem>> m_Items;
-  std::list<int> m_PendingCompletions;  // keys, oldest first: all wait equally long, so the first times out first
+  std::unordered_map<int, ItemPtr> m_Items;
+  std::list<int> m_Completions;  // keys, oldest first: all wait equally long, so the first times out first
+  std::list<int> m_Sleepers;     // keys of those whose threads sleep, the latest first
+  bool m_HasLeader = false;
 };
 
 #endif  // NIRA_IPC_MESSAGE_WAIT_ITEM_H

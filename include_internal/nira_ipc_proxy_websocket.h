@@ -4,22 +4,25 @@
 
 #include <libwebsockets.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "ThreadPool.h"
+#include "nira_ipc_descriptor.h"
 #include "nira_ipc_loop.h"
 #include "nira_ipc_message_wait_item.h"
 #include "nira_ipc_outgoing_queue.h"
 #include "nira_ipc_proxy_intf.h"
 
-// Application threads and workers connect, disconnect and send. The service thread owns the socket: it makes the
-// connection attempts, writes what is queued, assembles incoming messages, matches replies to the requests that wait
-// for them, and times asynchronous calls out; it runs no callback. Everything unasked, and every completion of an
-// asynchronous call, goes to the pool.
+// Application threads and workers connect, disconnect and send; what they send they write themselves, with the loop's
+// turn. A thread that waits for a reply reads the connection, unless another one does so already. The service thread
+// makes the connection attempts, reads while nobody waits, and times asynchronous calls out. None of them runs a
+// callback: everything unasked, and every completion of an asynchronous call, goes to the pool.
 //
 // m_Mutex guards the state of the connection and the outgoing queue. It is never held while libwebsockets, the wait
 // table or a callback is called.
@@ -50,24 +53,49 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
     std::deque<Entry> entries;  // guarded by lock
   };
 
+  // One connection, from the attempt to its end. Its threads share it: one that still waits may see the next begin.
+  struct Link {
+    CNiraIpcProxyWebsocket& transport;
+    const std::shared_ptr<CNiraIpcLoop> loop;
+
+    // Guarded by the turn.
+    lws* wsi = nullptr;   // the connection, or the attempt at one
+    int descriptor = -1;  // once it is established
+    uint32_t armed = 0;   // what the service thread's poller watches
+    bool isLed = false;   // a thread that waits for a reply reads it
+    bool isClosed = false;
+    bool mustTellOfEnd = false;         // nobody has acted upon it yet
+    std::string received;               // the message that is being assembled
+    std::vector<std::string> messages;  // those that are complete, to be acted upon after the turn
+
+    // The descriptor again, for the threads that wait on it: this one stays theirs when libwebsockets closes its own.
+    // Constant once established.
+    CNiraIpcDescriptor socket;
+
+    explicit Link(CNiraIpcProxyWebsocket& aTransport);
+  };
+  using LinkPtr = std::shared_ptr<Link>;
+
   static int t_WebSocketCbFunction(lws* wsi, lws_callback_reasons reason, void* user, void* in, size_t len);
-  static void t_OnTimer(lws_sorted_usec_list_t* timer);
   static bool t_RunCompletion(const std::shared_ptr<CNiraIpcCallbackGate>& gate, Completions& completions);
 
   bool m_ConnectWebsocket(int port, const char* app_id);
-  bool m_CreateContext();
-  bool m_AwaitConnected();
+  bool m_CreateContext(const LinkPtr& link);
+  bool m_AwaitConnected(Link& link);
   void m_DisconnectWebsocket();
-  void m_ServiceThread();
-  void m_Attempt();
-  int m_WebSocketCbFunction(lws* wsi, lws_callback_reasons reason, void* in, size_t len);
-  void m_OnEstablished(lws* wsi);
-  void m_OnAttemptEnded(const lws* wsi);
-  int m_OnReceive(lws* wsi, const char* in, size_t len);
+  void m_ServiceThread(Link& link);
+  void m_ServeUntilStopped(Link& link);
+  void m_Attempt(Link& link);
+  int m_WebSocketCbFunction(Link& link, lws* wsi, lws_callback_reasons reason, void* in, size_t len);
+  int m_OnEstablished(Link& link);
+  void m_OnLinkClosed(Link& link);
+  int m_OnReceive(Link& link, const char* in, size_t len);
   void m_OnWritable();
-  void m_OnWoken();
-  void m_WriteMessageToLWS();
-  void m_SetTimer();
+  void m_WriteMessageToLWS(Link& link);
+  void m_Arm(Link& link);
+  void m_Read(Link& link, uint32_t events);
+  void m_Lead(Link& link, int key);
+  void m_EndLead(Link& link, int key);
   void m_CloseConnection();
 
   void OnOpen();
@@ -79,16 +107,18 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
 
   bool IsRun();
   void SetIsConnected(bool connected);
-  bool m_SetMessageQueue(const std::string& message);
-  std::string m_GetMessageQueue();
+  bool m_SetMessageQueue(Link& link, const std::string& message);
+  std::string m_GetMessageQueue(bool& isOverflowed);
   std::string m_ConvertJsonValueToString(const Json::Value& value);
 
   bool m_SendMessage(const char* requestType, Json::Value& request, Json::Value& reply);
   static void m_SendMessageAsync(CRequestAsyncData* data, CNiraIpcProxyWebsocket* transport);
-  bool m_MaySend(std::string& caller);
+  LinkPtr m_MaySend(std::string& caller);
   int m_CreateKey(uint32_t now, const MessageWaitItems::Completion& completion);
   bool m_QueueRequest(const char* requestType, Json::Value& request, const MessageWaitItems::Completion& completion,
-                      int& key);
+                      int& key, LinkPtr& link);
+  bool m_AwaitReply(Link& link, int key);
+  void m_SetLed(Link& link);
   void m_OnAsyncReply(const std::shared_ptr<CRequestAsyncData>& record, const Json::Value& reply);
   void m_Complete(const std::shared_ptr<CRequestAsyncData>& record, std::string reply);
   void m_RunCompletionsHere();
@@ -101,14 +131,7 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   lws_context_creation_info m_ContextInfo = {};
   int m_nPort = 0;
 
-  // Service thread only.
-  lws* m_pWsi = nullptr;  // the connection, or the attempt at one
-  std::string m_strReceived;
-  struct Timer {
-    lws_sorted_usec_list_t sul;  // first: libwebsockets hands back its address
-    CNiraIpcProxyWebsocket* transport;
-    bool isSet;
-  } m_Timer = {};
+  std::atomic<bool> m_bTimerSet{false};  // the service thread knows when the next asynchronous call times out
 
   std::mutex m_Mutex;
   std::condition_variable m_StateChanged;
@@ -119,10 +142,9 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   bool m_bClosedByServer = false;
   bool m_bAttemptWanted = false;
   bool m_bOverflowed = false;  // the server has left more than the bound unread
-  bool m_bWoken = false;       // the service thread has been woken and has not looked yet
   unsigned m_nSeed;            // for the requests' keys
   CNiraIpcOutgoingQueue m_MessageQueue;
-  std::shared_ptr<CNiraIpcLoop> m_Loop;  // null when idle
+  LinkPtr m_Link;  // null when idle
 
   MessageWaitItems m_WaitItems;  // synchronises itself
   const std::shared_ptr<Completions> m_Completions = std::make_shared<Completions>();

@@ -1,11 +1,13 @@
 #include "nira_ipc_loop.h"
 
+#include <poll.h>
 #include <signal.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
+#include "nira_ipc_guard.h"
 #include "nira_ipc_log.h"
 #include "nira_ipc_thread.h"
 
@@ -75,6 +77,8 @@ class CNiraIpcLoop::Running {
   std::vector<std::weak_ptr<CNiraIpcLoop>> m_Loops;
 };
 
+CNiraIpcLoop::CNiraIpcLoop(std::function<void()> onDemand) : m_OnDemand(std::move(onDemand)) {}
+
 CNiraIpcLoop::~CNiraIpcLoop() {
   // An endpoint that was stopped inside a callback on its own service thread goes with that thread.
   if (m_Thread.joinable()) m_Thread.detach();
@@ -96,6 +100,7 @@ bool CNiraIpcLoop::CreateContext(lws_context_creation_info& info) {
   info.options |= LWS_SERVER_OPTION_EXPLICIT_VHOSTS;
   m_Context = lws_create_context(&info);
   if (m_Context != nullptr && lws_create_vhost(m_Context, &info) == nullptr) DestroyContext();
+  m_SleepsInside = m_Context;
   return m_Context != nullptr;
 }
 
@@ -111,29 +116,52 @@ void CNiraIpcLoop::StartThread(const char* name, std::shared_ptr<CNiraIpcCallbac
   });
 }
 
-bool CNiraIpcLoop::Service() {
-  if (m_Context != nullptr) return lws_service(m_Context, 0) >= 0 && !m_Stopping;
-  std::unique_lock<std::mutex> lock(m_ContextLock);
-  m_Stopped.wait(lock, [this] { return m_Stopping.load(); });
-  return false;
+// The turn may be wanted again while this gives it up: whoever said so found it taken and has gone.
+void CNiraIpcLoop::m_Settle() {
+  while (m_Demanded.load() && m_Turn.try_lock()) {
+    std::lock_guard<std::mutex> turn(m_Turn, std::adopt_lock);
+    m_Demanded = false;
+    if (m_Context != nullptr) NiraIpcGuarded(NIRA_IPC_TAG, "write", m_OnDemand);
+  }
+}
+
+void CNiraIpcLoop::ServiceDescriptor(int descriptor, uint32_t events) {
+  static_assert(EPOLLIN == POLLIN && EPOLLOUT == POLLOUT && EPOLLHUP == POLLHUP, "one set of flags for both");
+  if ((events & EPOLLERR) != 0) events |= EPOLLIN;  // reading tells which error
+  pollfd polled = {descriptor, POLLIN | POLLOUT, static_cast<short>(events & (EPOLLIN | EPOLLHUP))};
+  if (polled.revents != 0) lws_service_fd(m_Context, &polled);
+  // libwebsockets does not tell that it wants to write, an answer to a ping or to a close: so it always may. (If the
+  // connection has just been closed, it does not know the descriptor any more.)
+  polled.revents = POLLOUT;
+  lws_service_fd(m_Context, &polled);
+}
+
+void CNiraIpcLoop::ServiceAll() {
+  constexpr int kDoNotSleep = -1;
+  lws_service(m_Context, kDoNotSleep);  // what has come
+  lws_service(m_Context, kDoNotSleep);  // what libwebsockets wants to write because of it
+}
+
+void CNiraIpcLoop::ServiceInside() {
+  WithTurn([this] { lws_service(m_Context, 0); });
+}
+
+void CNiraIpcLoop::UsePoller() {
+  std::lock_guard<std::mutex> lock(m_WakeLock);
+  m_SleepsInside = nullptr;
 }
 
 void CNiraIpcLoop::DestroyContext() {
-  lws_context* context = nullptr;
-  {
-    std::lock_guard<std::mutex> lock(m_ContextLock);
-    std::swap(context, m_Context);
-  }
-  if (context != nullptr) lws_context_destroy(context);
+  UsePoller();
+  std::lock_guard<std::mutex> turn(m_Turn);
+  if (m_Context != nullptr) lws_context_destroy(m_Context);
+  m_Context = nullptr;
 }
 
 void CNiraIpcLoop::Wake() {
-  std::lock_guard<std::mutex> lock(m_ContextLock);
-  if (m_Context != nullptr) {
-    lws_cancel_service(m_Context);
-  } else {
-    m_Stopped.notify_all();
-  }
+  m_Poller.Wake();
+  std::lock_guard<std::mutex> lock(m_WakeLock);
+  if (m_SleepsInside != nullptr) lws_cancel_service(m_SleepsInside);
 }
 
 void CNiraIpcLoop::Stop() {

@@ -20,14 +20,14 @@ Json::Value MessageWaitItems::MakeFailReply(const char* message, int key) {
   return reply;
 }
 
-std::shared_ptr<WaitItem> MessageWaitItems::m_Find(int key) const {
-  std::lock_guard<std::mutex> lock(m_TableLock);
+MessageWaitItems::ItemPtr MessageWaitItems::m_Find(int key) const {
   const auto found = m_Items.find(key);
   return found != m_Items.end() ? found->second : nullptr;
 }
 
 bool MessageWaitItems::IsKeyCreated(int key) const {
-  return m_Find(key) != nullptr;
+  std::lock_guard<std::mutex> lock(m_TableLock);
+  return m_Items.count(key) != 0;
 }
 
 bool MessageWaitItems::CreateKey(int key, Clock::time_point deadline, Completion completion) {
@@ -36,75 +36,123 @@ bool MessageWaitItems::CreateKey(int key, Clock::time_point deadline, Completion
   item->m_Completion = std::move(completion);
   std::lock_guard<std::mutex> lock(m_TableLock);
   if (!m_Items.emplace(key, item).second) return false;
-  if (item->m_Completion) item->m_Pending = m_PendingCompletions.insert(m_PendingCompletions.end(), key);
+  if (item->m_Completion) item->m_Place = m_Completions.insert(m_Completions.end(), key);
   return true;
 }
 
 void MessageWaitItems::SetStartTick(int key, uint32_t tick) {
   std::lock_guard<std::mutex> lock(m_TableLock);
-  const auto found = m_Items.find(key);
-  if (found != m_Items.end()) found->second->m_StartTick = tick;
+  if (const ItemPtr item = m_Find(key)) item->m_StartTick = tick;
 }
 
 uint32_t MessageWaitItems::GetStartTick(int key) const {
   std::lock_guard<std::mutex> lock(m_TableLock);
-  const auto found = m_Items.find(key);
-  return found != m_Items.end() ? found->second->m_StartTick : 0;
+  const ItemPtr item = m_Find(key);
+  return item != nullptr ? item->m_StartTick : 0;
 }
 
-// The item that waits under the key. One that has a completion is taken out of the table: whoever takes it runs it.
-std::shared_ptr<WaitItem> MessageWaitItems::m_TakeForAnswer(int key) {
-  std::lock_guard<std::mutex> lock(m_TableLock);
-  const auto found = m_Items.find(key);
-  if (found == m_Items.end() || !found->second->m_Completion) return found != m_Items.end() ? found->second : nullptr;
-  std::shared_ptr<WaitItem> item = std::move(found->second);
-  m_PendingCompletions.erase(item->m_Pending);
-  m_Items.erase(found);
-  return item;
-}
-
-bool MessageWaitItems::m_Answer(WaitItem& item, Json::Value&& response) {
-  {
-    std::lock_guard<std::mutex> lock(item.m_Lock);
-    if (item.m_Answered) return false;
-    item.m_Answered = true;
-    item.m_Response = std::move(response);
-  }
-  item.m_Condition.notify_one();
-  return true;
-}
-
+// One that has a completion is taken out of the table: whoever takes it runs it.
 bool MessageWaitItems::SetJsonResponse(int key, Json::Value&& response) {
-  const auto item = m_TakeForAnswer(key);
-  if (item == nullptr) return false;
-  if (!item->m_Completion) return m_Answer(*item, std::move(response));
-  item->m_Completion(std::move(response));
+  ItemPtr item;
+  {
+    std::lock_guard<std::mutex> lock(m_TableLock);
+    item = m_Find(key);
+    if (item == nullptr || item->m_Answered) return false;
+    item->m_Answered = true;
+    if (item->m_Completion) {
+      m_Remove(key, *item);
+    } else {
+      item->m_Response = std::move(response);
+    }
+  }
+  if (item->m_Completion) {
+    item->m_Completion(std::move(response));
+  } else {
+    item->m_Condition.notify_one();
+  }
   return true;
 }
 
-bool MessageWaitItems::WaitForResponse(int key) {
-  const auto item = m_Find(key);
+bool MessageWaitItems::TryLead(int key) {
+  std::lock_guard<std::mutex> lock(m_TableLock);
+  const ItemPtr item = m_Find(key);
+  if (m_HasLeader || item == nullptr) return false;
+  m_HasLeader = item->m_Leads = true;
+  return true;
+}
+
+bool MessageWaitItems::WaitForResponse(int key, bool* mustLead) {
+  std::unique_lock<std::mutex> lock(m_TableLock);
+  const ItemPtr item = m_Find(key);
   if (item == nullptr) return false;
-  std::unique_lock<std::mutex> lock(item->m_Lock);
-  return item->m_Condition.wait_until(lock, item->m_Deadline, [&item] { return item->m_Answered; });
+  const auto isOver = [&item] { return item->m_Answered || item->m_Leads; };
+  if (mustLead != nullptr && !m_HasLeader && !isOver() && item->m_Deadline > Clock::now()) {
+    m_HasLeader = item->m_Leads = true;
+  }
+  if (!isOver()) {
+    if (mustLead != nullptr) item->m_Place = m_Sleepers.insert(m_Sleepers.begin(), key);
+    item->m_Sleeps = mustLead != nullptr;
+    item->m_Condition.wait_until(lock, item->m_Deadline, isOver);
+    if (item->m_Sleeps) m_Sleepers.erase(item->m_Place);
+    item->m_Sleeps = false;
+  }
+  if (mustLead != nullptr) *mustLead = item->m_Leads;
+  return item->m_Answered;
+}
+
+bool MessageWaitItems::IsOver(int key) const {
+  std::lock_guard<std::mutex> lock(m_TableLock);
+  const ItemPtr item = m_Find(key);
+  return item == nullptr || item->m_Answered || item->m_Deadline <= Clock::now();
+}
+
+bool MessageWaitItems::EndLead(int key) {
+  ItemPtr next;
+  {
+    std::lock_guard<std::mutex> lock(m_TableLock);
+    if (const ItemPtr item = m_Find(key)) item->m_Leads = false;
+    next = m_NextLeader();
+    m_HasLeader = next != nullptr;
+  }
+  if (next != nullptr) next->m_Condition.notify_one();
+  return next != nullptr;
+}
+
+MessageWaitItems::ItemPtr MessageWaitItems::m_NextLeader() {
+  while (!m_Sleepers.empty()) {
+    ItemPtr item = m_Items.at(m_Sleepers.front());
+    m_Sleepers.pop_front();
+    item->m_Sleeps = false;
+    if (item->m_Answered) continue;
+    item->m_Leads = true;
+    return item;
+  }
+  return nullptr;
+}
+
+MessageWaitItems::Clock::time_point MessageWaitItems::GetDeadline(int key) const {
+  std::lock_guard<std::mutex> lock(m_TableLock);
+  const ItemPtr item = m_Find(key);
+  return item != nullptr ? item->m_Deadline : Clock::now();
 }
 
 Json::Value MessageWaitItems::GetJsonResponse(int key) {
-  const auto item = m_Find(key);
-  if (item == nullptr) return {};
-  std::lock_guard<std::mutex> lock(item->m_Lock);
-  return std::move(item->m_Response);
+  std::lock_guard<std::mutex> lock(m_TableLock);
+  const ItemPtr item = m_Find(key);
+  return item != nullptr ? std::move(item->m_Response) : Json::Value();
 }
 
 bool MessageWaitItems::RemoveKey(int key) {
-  std::shared_ptr<WaitItem> item;  // destroyed after the lock is released
-  std::lock_guard<std::mutex> lock(m_TableLock);
-  const auto found = m_Items.find(key);
-  if (found == m_Items.end()) return false;
-  item = std::move(found->second);
-  if (item->m_Completion) m_PendingCompletions.erase(item->m_Pending);
-  m_Items.erase(found);
-  return true;
+  std::unique_lock<std::mutex> lock(m_TableLock);
+  const ItemPtr item = m_Find(key);
+  if (item != nullptr) m_Remove(key, *item);
+  lock.unlock();  // before the item goes
+  return item != nullptr;
+}
+
+void MessageWaitItems::m_Remove(int key, WaitItem& item) {
+  if (item.m_Completion) m_Completions.erase(item.m_Place);
+  m_Items.erase(key);
 }
 
 void MessageWaitItems::ArrangeAllWaitItem() {
@@ -126,8 +174,8 @@ void MessageWaitItems::ArrangeAllWaitItem() {
 
 std::optional<MessageWaitItems::Clock::time_point> MessageWaitItems::NextTimeout() const {
   std::lock_guard<std::mutex> lock(m_TableLock);
-  if (m_PendingCompletions.empty()) return std::nullopt;
-  return m_Items.at(m_PendingCompletions.front())->m_Deadline;
+  if (m_Completions.empty()) return std::nullopt;
+  return m_Items.at(m_Completions.front())->m_Deadline;
 }
 
 void MessageWaitItems::AnswerTimedOut(Clock::time_point now) {
@@ -135,8 +183,8 @@ void MessageWaitItems::AnswerTimedOut(Clock::time_point now) {
     int key = 0;
     {
       std::lock_guard<std::mutex> lock(m_TableLock);
-      if (m_PendingCompletions.empty()) return;
-      key = m_PendingCompletions.front();
+      if (m_Completions.empty()) return;
+      key = m_Completions.front();
       if (m_Items.at(key)->m_Deadline > now) return;
     }
     NIRA_IPC_LOG_ERROR(NIRA_IPC_TAG, "TIMEOUT");

@@ -1,16 +1,21 @@
 // Client transport. How a call comes and goes:
 //
-//   caller: key, wait item, text into the queue, wake -> sleeps on its item (an asynchronous caller goes its way)
-//   service thread, woken: ask for a writeable event -> write one text an event
-//   service thread: assemble the reply -> match its key -> wake the caller, or hand the completion to the pool
+//   caller: key, wait item, text into the queue, written with the turn -> reads the connection until its reply is
+//   there, or sleeps on its item while another caller reads (an asynchronous caller goes its way) reader: assemble with
+//   the turn -> match the key -> wake that caller, or hand the completion to the pool
 //
 // Every request is answered exactly once: by its reply, by its time-out (the waiting caller's clock, or for
-// asynchronous calls the service thread's timer), or by the end of the connection, whichever takes its item from the
+// asynchronous calls the service thread's), or by the end of the connection, whichever takes its item from the
 // table first. OnClose answers all that wait, after it has set m_bClosedByServer; a request enters the table before it
 // looks at that flag. So none slips between.
 #include "nira_ipc_proxy_websocket.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -28,6 +33,8 @@ namespace {
 constexpr unsigned kWorkers = 10;
 constexpr size_t kReceiveBufferBytes = 100000;
 constexpr unsigned kDescriptors = 8;  // one connection, the wake-up, and some to spare
+
+constexpr uint64_t kConnection = 1;  // what the service thread's poller reports
 
 // What the server sees in the handshake. The address itself is a number: a resolver could block for seconds.
 constexpr const char* kHost = "localhost";
@@ -49,7 +56,6 @@ CNiraIpcProxyWebsocket::CNiraIpcProxyWebsocket() : m_nSeed(static_cast<unsigned>
   m_Protocols[0].name = "";  // asks for no sub-protocol; libwebsockets reads the name, so it cannot be null
   m_Protocols[0].callback = t_WebSocketCbFunction;
   m_Protocols[0].rx_buffer_size = kReceiveBufferBytes;
-  m_Timer.transport = this;
 }
 
 CNiraIpcProxyWebsocket::~CNiraIpcProxyWebsocket() {
@@ -72,47 +78,52 @@ bool CNiraIpcProxyWebsocket::m_ConnectWebsocket(int port, const char* app_id) {
     m_Phase = Phase::kConnecting;
     m_strAppId = app_id;
     m_bRun = true;
-    m_bClosedByServer = m_bOverflowed = m_bWoken = false;
-    m_bAttemptWanted = false;
+    m_bClosedByServer = m_bOverflowed = m_bAttemptWanted = false;
     m_MessageQueue.Clear();
-    m_Loop = std::make_shared<CNiraIpcLoop>();
   }
   const bool connected = NiraIpcGuarded(TAG, "connect", false, [this, port] {
     m_ThreadPool.StartWorkers();
     m_nPort = port;
-    return m_CreateContext() && m_AwaitConnected();
+    const auto link = std::make_shared<Link>(*this);
+    {
+      std::lock_guard<std::mutex> lock(m_Mutex);
+      m_Link = link;
+    }
+    return m_CreateContext(link) && m_AwaitConnected(*link);
   });
   if (!connected) m_DisconnectWebsocket();
   return connected;
 }
 
-bool CNiraIpcProxyWebsocket::m_CreateContext() {
+CNiraIpcProxyWebsocket::Link::Link(CNiraIpcProxyWebsocket& aTransport)
+    : transport(aTransport), loop(std::make_shared<CNiraIpcLoop>([this] { transport.m_WriteMessageToLWS(*this); })) {}
+
+bool CNiraIpcProxyWebsocket::m_CreateContext(const LinkPtr& link) {
   m_ContextInfo = {};
   m_ContextInfo.port = CONTEXT_PORT_NO_LISTEN;
   m_ContextInfo.protocols = m_Protocols;
   m_ContextInfo.fd_limit_per_thread = kDescriptors;
-  m_ContextInfo.user = this;
+  m_ContextInfo.user = link.get();
   NIRA_IPC_LOG_INFO(TAG, "lws_create_context start");
-  if (m_nPort < 1 || m_nPort > 65535 || !m_Loop->CreateContext(m_ContextInfo)) {
+  if (m_nPort < 1 || m_nPort > 65535 || !link->loop->CreateContext(m_ContextInfo)) {
     NIRA_IPC_LOG_ERROR(TAG, "wsi activate ERROR.[context == NULL]");
     return false;
   }
-  m_Loop->StartThread("nira-prox-svc", Gate(), [this] { m_ServiceThread(); });
+  link->loop->StartThread("nira-prox-svc", Gate(), [this, link] { m_ServiceThread(*link); });
   return true;
 }
 
 // Each step is an attempt, unless the one before is still under way: a service that begins to listen meanwhile is
 // found, and one that is slow to answer is not given up.
-bool CNiraIpcProxyWebsocket::m_AwaitConnected() {
+bool CNiraIpcProxyWebsocket::m_AwaitConnected(Link& link) {
   const auto start = std::chrono::steady_clock::now();
   std::unique_lock<std::mutex> lock(m_Mutex);
-  const std::shared_ptr<CNiraIpcLoop> loop = m_Loop;
   for (int attempt = 0; attempt < kNiraIpcConnectAttempts && m_bRun; ++attempt) {
     if (!m_bConnected) {
       NIRA_IPC_LOG_ERROR(TAG, "[%d] Retry in %d ms.", attempt, static_cast<int>(kNiraIpcConnectStep.count()));
       m_bAttemptWanted = true;
       lock.unlock();
-      loop->Wake();
+      link.loop->Wake();
       lock.lock();
       m_StateChanged.wait_until(lock, start + (attempt + 1) * kNiraIpcConnectStep,
                                 [this] { return m_bConnected || !m_bRun; });
@@ -135,21 +146,21 @@ void CNiraIpcProxyWebsocket::SetDisconnect() {
 // Ends whatever there is of a connection. Of several threads that do so at once, one does it and the others wait; a
 // connect that is under way gives up.
 void CNiraIpcProxyWebsocket::m_DisconnectWebsocket() {
-  std::shared_ptr<CNiraIpcLoop> loop;
+  LinkPtr link;
   {
     std::unique_lock<std::mutex> lock(m_Mutex);
     m_StateChanged.wait(lock, [this] { return m_Phase != Phase::kDisconnecting; });
     if (m_Phase == Phase::kIdle) return;
     m_Phase = Phase::kDisconnecting;
     m_bRun = m_bConnected = false;
-    loop = m_Loop;
+    link = m_Link;
     m_StateChanged.notify_all();
   }
   NIRA_IPC_LOG_INFO(TAG, "wsi Disconnect start");
-  loop->Stop();
+  if (link != nullptr) link->loop->Stop();
   {
     std::lock_guard<std::mutex> lock(m_Mutex);
-    m_Loop.reset();
+    m_Link.reset();
     m_Phase = Phase::kIdle;
     m_StateChanged.notify_all();
   }
@@ -181,27 +192,46 @@ void CNiraIpcProxyWebsocket::SetIsConnected(bool connected) {
   m_StateChanged.notify_all();
 }
 
-void CNiraIpcProxyWebsocket::m_ServiceThread() {
+void CNiraIpcProxyWebsocket::m_ServiceThread(Link& link) {
   NIRA_IPC_LOG_INFO(TAG, "[Main] lws_service start");
-  while (!m_Loop->IsStopping() && m_Loop->Service()) {
+  bool isEstablished = false;
+  while (!link.loop->IsStopping() && !isEstablished) {
+    link.loop->ServiceInside();
+    link.loop->WithTurn([&] { isEstablished = link.descriptor >= 0 || link.isClosed; });
   }
-  lws_sul_cancel(&m_Timer.sul);
-  m_Timer.isSet = false;
-  m_Loop->DestroyContext();
-  m_pWsi = nullptr;
+  link.loop->UsePoller();
+  m_ServeUntilStopped(link);
+  link.loop->DestroyContext();
   m_CloseConnection();  // if it ended without a close event
   NIRA_IPC_LOG_INFO(TAG, "[Main] lws_service end");
 }
 
+void CNiraIpcProxyWebsocket::m_ServeUntilStopped(Link& link) {
+  m_Read(link, 0);  // it may have ended already
+  while (!link.loop->IsStopping()) {
+    m_bTimerSet = false;  // before the look: a call that comes after it wakes this thread
+    const auto nextTimeout = m_WaitItems.NextTimeout();
+    if (nextTimeout) m_bTimerSet = true;
+    const CNiraIpcPoller::Ready ready = link.loop->Poller().Wait(nextTimeout);
+    if (ready.id == CNiraIpcPoller::kTimedOut) m_WaitItems.AnswerTimedOut(MessageWaitItems::Clock::now());
+    if (ready.id != kConnection) continue;
+    m_Read(link, ready.events);
+    link.loop->WithTurn([&] {
+      link.armed = 0;
+      m_Arm(link);
+    });
+  }
+}
+
 // Begins an attempt at a connection if one is wanted and none is under way.
-void CNiraIpcProxyWebsocket::m_Attempt() {
+void CNiraIpcProxyWebsocket::m_Attempt(Link& link) {
   {
     std::lock_guard<std::mutex> lock(m_Mutex);
-    if (!m_bAttemptWanted || m_bConnected || m_pWsi != nullptr) return;
+    if (!m_bAttemptWanted || m_bConnected || link.wsi != nullptr) return;
     m_bAttemptWanted = false;
   }
   lws_client_connect_info info = {};
-  info.context = m_Loop->Context();
+  info.context = link.loop->Context();
   info.address = kAddress;
   info.port = m_nPort;
   info.path = "/";
@@ -210,7 +240,7 @@ void CNiraIpcProxyWebsocket::m_Attempt() {
   info.local_protocol_name = m_Protocols[0].name;
   info.ietf_version_or_minus_one = -1;
   info.retry_and_idle_policy = &kNoIdleHangUp;
-  info.pwsi = &m_pWsi;  // set before the first event, and to null if there is none
+  info.pwsi = &link.wsi;  // set before the first event, and to null if there is none
   NIRA_IPC_LOG_ERROR(TAG, "lws_client_connect_via_info start");
   if (lws_client_connect_via_info(&info) == nullptr) NIRA_IPC_LOG_ERROR(TAG, "wsi create error.");
 }
@@ -222,18 +252,19 @@ int CNiraIpcProxyWebsocket::t_WebSocketCbFunction(lws* wsi, lws_callback_reasons
     return 0;
   }
   lws_context* context = lws_get_context(wsi);
-  auto* self = context != nullptr ? static_cast<CNiraIpcProxyWebsocket*>(lws_context_user(context)) : nullptr;
-  if (self == nullptr) {
+  auto* link = context != nullptr ? static_cast<Link*>(lws_context_user(context)) : nullptr;
+  if (link == nullptr) {
     NIRA_IPC_LOG_ERROR(TAG, "this_ptr is null");
     return 0;
   }
   (void)user;
   constexpr int kClose = -1;  // what cannot be handled, for want of memory, costs the connection
   return NiraIpcGuarded(TAG, "websocket event", kClose,
-                        [=] { return self->m_WebSocketCbFunction(wsi, reason, in, len); });
+                        [=] { return link->transport.m_WebSocketCbFunction(*link, wsi, reason, in, len); });
 }
 
-int CNiraIpcProxyWebsocket::m_WebSocketCbFunction(lws* wsi, lws_callback_reasons reason, void* in, size_t len) {
+int CNiraIpcProxyWebsocket::m_WebSocketCbFunction(Link& link, lws* wsi, lws_callback_reasons reason, void* in,
+                                                  size_t len) {
   switch (reason) {
     case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
       NIRA_IPC_LOG_ERROR(TAG, "[LWS_CALLBACK_CLIENT_CONNECTION_ERROR] connection error (%s)",
@@ -241,24 +272,23 @@ int CNiraIpcProxyWebsocket::m_WebSocketCbFunction(lws* wsi, lws_callback_reasons
       break;
     case LWS_CALLBACK_CLIENT_ESTABLISHED:
       NIRA_IPC_LOG_ERROR(TAG, "[LWS_CALLBACK_CLIENT_ESTABLISHED] Connect with server success.");
-      m_OnEstablished(wsi);
-      break;
+      return m_OnEstablished(link);
     case LWS_CALLBACK_CLIENT_CLOSED:
     case LWS_CALLBACK_CLOSED:  // what older versions call it
       NIRA_IPC_LOG_ERROR(TAG, "[LWS_CALLBACK_CLOSED] Client disconnected");
-      OnClose();
+      m_OnLinkClosed(link);
       break;
-    case LWS_CALLBACK_WSI_DESTROY:
-      m_OnAttemptEnded(wsi);
+    case LWS_CALLBACK_WSI_DESTROY:  // however an attempt or a connection ends, this comes last, and once
+      if (wsi != link.wsi) break;
+      if (link.descriptor >= 0) m_OnLinkClosed(link);  // cut so early that libwebsockets reports nothing else
+      link.wsi = nullptr;
       break;
     case LWS_CALLBACK_CLIENT_RECEIVE:
-      return m_OnReceive(wsi, static_cast<const char*>(in), len);
+      return m_OnReceive(link, static_cast<const char*>(in), len);
     case LWS_CALLBACK_CLIENT_WRITEABLE:
-      NIRA_IPC_LOG_INFO(TAG, "[LWS_CALLBACK_CLIENT_WRITEABLE] Available to send message to server ");
-      m_OnWritable();
-      break;
+      break;  // libwebsockets is let to write after every read, so this comes often and means nothing
     case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
-      m_OnWoken();
+      m_Attempt(link);
       break;
     case LWS_CALLBACK_PROTOCOL_DESTROY:
       NIRA_IPC_LOG_ERROR(TAG, "[LWS_CALLBACK_PROTOCOL_DESTROY] Destroying web sockets");
@@ -269,90 +299,118 @@ int CNiraIpcProxyWebsocket::m_WebSocketCbFunction(lws* wsi, lws_callback_reasons
   return 0;
 }
 
-void CNiraIpcProxyWebsocket::m_OnEstablished(lws* wsi) {
-  m_strReceived.clear();
+int CNiraIpcProxyWebsocket::m_OnEstablished(Link& link) {
+  const int descriptor = lws_get_socket_fd(link.wsi);
+  link.socket.Reset(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+  if (!link.socket.IsOpen() || !link.loop->Poller().Add(descriptor, kConnection, 0)) {
+    NIRA_IPC_LOG_ERROR(TAG, "no descriptor to watch the connection");
+    return -1;
+  }
+  link.descriptor = descriptor;
+  m_Arm(link);
   SetIsConnected(true);
   OnOpen();
-  lws_callback_on_writable(wsi);
+  return 0;
 }
 
-// However an attempt or a connection ends, this comes last, and once.
-void CNiraIpcProxyWebsocket::m_OnAttemptEnded(const lws* wsi) {
-  if (wsi == m_pWsi) m_pWsi = nullptr;
+// Of a connection its reader tells, who may have to act upon messages that came before.
+void CNiraIpcProxyWebsocket::m_OnLinkClosed(Link& link) {
+  if (link.descriptor < 0) {  // it was refused in the handshake
+    OnClose();
+    return;
+  }
+  link.loop->Poller().Remove(link.descriptor);
+  shutdown(link.descriptor, SHUT_RDWR);  // there is a second descriptor, and a thread may wait on that
+  link.descriptor = -1;
+  link.isClosed = link.mustTellOfEnd = true;
 }
 
-int CNiraIpcProxyWebsocket::m_OnReceive(lws* wsi, const char* in, size_t len) {
+int CNiraIpcProxyWebsocket::m_OnReceive(Link& link, const char* in, size_t len) {
   NIRA_IPC_LOG_INFO(TAG, "[LWS_CALLBACK_CLIENT_RECEIVE] Received data from the server, length: %d",
                     static_cast<int>(len));
-  const size_t remaining = lws_remaining_packet_payload(wsi);
+  const size_t remaining = lws_remaining_packet_payload(link.wsi);
   NIRA_IPC_LOG_INFO(TAG, "[LWS_CALLBACK_CLIENT_RECEIVE] remaining size = %d", static_cast<int>(remaining));
-  if (remaining > kNiraIpcMaxIncomingMessage || m_strReceived.size() + len + remaining > kNiraIpcMaxIncomingMessage) {
+  if (remaining > kNiraIpcMaxIncomingMessage || link.received.size() + len + remaining > kNiraIpcMaxIncomingMessage) {
     NIRA_IPC_LOG_ERROR(TAG, "the server sends a message of more than %zu bytes. disconnect",
                        kNiraIpcMaxIncomingMessage);
     return -1;
   }
-  m_strReceived.append(in, strnlen(in, len));  // JSON holds no NUL: a piece with one ends there
-  if (remaining != 0 || lws_is_final_fragment(wsi) == 0) return 0;
-  OnMessage(std::move(m_strReceived));
-  m_strReceived.clear();
+  link.received.append(in, strnlen(in, len));  // JSON holds no NUL: a piece with one ends there
+  if (remaining != 0 || lws_is_final_fragment(link.wsi) == 0) return 0;
+  link.messages.push_back(std::exchange(link.received, {}));
   return 0;
 }
 
-void CNiraIpcProxyWebsocket::m_OnWoken() {
-  bool overflowed = false;
-  {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    m_bWoken = false;
-    overflowed = m_bOverflowed;
+// With the turn: what the service thread is to be told of. It reads while no caller does; it always sees that a socket
+// which took no more is written again.
+void CNiraIpcProxyWebsocket::m_Arm(Link& link) {
+  if (link.descriptor < 0) return;
+  uint32_t events = link.isLed ? 0 : EPOLLIN | EPOLLRDHUP;
+  if (lws_partial_buffered(link.wsi) != 0) events |= EPOLLOUT;
+  if (events == link.armed) return;
+  link.armed = events;
+  link.loop->Poller().Change(link.descriptor, kConnection, events | EPOLLONESHOT);
+}
+
+// For the one thread that reads: takes what has come and acts upon it.
+void CNiraIpcProxyWebsocket::m_Read(Link& link, uint32_t events) {
+  std::vector<std::string> messages;
+  bool isClosed = false;
+  link.loop->WithTurn([&] {
+    if (link.descriptor >= 0) link.loop->ServiceDescriptor(link.descriptor, events);
+    if ((events & EPOLLOUT) != 0) m_WriteMessageToLWS(link);
+    messages.swap(link.messages);
+    isClosed = std::exchange(link.mustTellOfEnd, false);
+  });
+  for (std::string& message : messages) NiraIpcGuarded(TAG, "message", [&] { OnMessage(std::move(message)); });
+  if (isClosed) NiraIpcGuarded(TAG, "close", [this] { OnClose(); });
+}
+
+// The caller reads the connection until its own request is over, and answers those of others.
+void CNiraIpcProxyWebsocket::m_Lead(Link& link, int key) {
+  const auto deadline = m_WaitItems.GetDeadline(key);
+  while (!m_WaitItems.IsOver(key)) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - MessageWaitItems::Clock::now()).count();
+    pollfd polled = {link.socket.Get(), POLLIN | POLLRDHUP, 0};
+    if (poll(&polled, 1, static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX))) > 0) {
+      m_Read(link, static_cast<uint32_t>(polled.revents));
+    }
   }
-  m_Attempt();
-  m_SetTimer();
-  if (m_pWsi == nullptr || !IsConnected()) return;
-  if (overflowed) {
-    lws_set_timeout(m_pWsi, PENDING_TIMEOUT_USER_REASON_BASE, LWS_TO_KILL_ASYNC);
-  } else {
-    lws_callback_on_writable(m_pWsi);
-  }
+  m_EndLead(link, key);
+}
+
+void CNiraIpcProxyWebsocket::m_EndLead(Link& link, int key) {
+  bool isDone = false;
+  link.loop->WithTurn([&] {
+    link.isLed = m_WaitItems.EndLead(key);
+    m_Arm(link);
+    isDone = true;
+  });
+  if (!isDone) m_WaitItems.EndLead(key);  // the connection is gone, and its turns
 }
 
 void CNiraIpcProxyWebsocket::m_OnWritable() {
   NIRA_IPC_LOG_INFO(TAG, "m_OnWritable");
-  m_WriteMessageToLWS();
 }
 
-void CNiraIpcProxyWebsocket::m_WriteMessageToLWS() {
-  std::string text = m_GetMessageQueue();
-  if (text.empty()) return;
-  const char* message = text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom;
-  NIRA_IPC_LOG_DEBUG(TAG, "[websocket] send msg = %s", message);
-  const int written = NiraIpcWriteText(m_pWsi, text);
-  NIRA_IPC_LOG_INFO(TAG, "lws_write end, msg: %s, ret %d", message, written);
-  lws_callback_on_writable(m_pWsi);
-  NIRA_IPC_LOG_DEBUG(TAG, "[websocket] lws_callback_on_writable end!!");
-}
-
-// Sets the timer to the first time-out of an asynchronous call, or off when none is outstanding: an idle connection
-// wakes for nothing.
-void CNiraIpcProxyWebsocket::m_SetTimer() {
-  const auto next = m_WaitItems.NextTimeout();
-  if (next.has_value() == m_Timer.isSet) return;  // if set, it is to an earlier time: it will be set anew when it fires
-  m_Timer.isSet = next.has_value();
-  if (!next) {
-    lws_sul_cancel(&m_Timer.sul);
-    return;
+// With the turn: writes one message after the other until none is left or the socket takes no more.
+void CNiraIpcProxyWebsocket::m_WriteMessageToLWS(Link& link) {
+  bool isOverflowed = false;
+  while (link.descriptor >= 0 && lws_partial_buffered(link.wsi) == 0) {
+    std::string text = m_GetMessageQueue(isOverflowed);
+    if (text.empty()) break;
+    NIRA_IPC_LOG_INFO(TAG, "[LWS_CALLBACK_CLIENT_WRITEABLE] Available to send message to server ");
+    m_OnWritable();
+    const char* message = text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom;
+    NIRA_IPC_LOG_DEBUG(TAG, "[websocket] send msg = %s", message);
+    const int written = NiraIpcWriteText(link.wsi, text);
+    NIRA_IPC_LOG_INFO(TAG, "lws_write end, msg: %s, ret %d", message, written);
+    isOverflowed = isOverflowed || written < 0;
+    NIRA_IPC_LOG_DEBUG(TAG, "[websocket] lws_callback_on_writable end!!");
   }
-  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(*next - MessageWaitItems::Clock::now());
-  const lws_usec_t microseconds = std::max<lws_usec_t>(left.count(), 1);
-  lws_sul_schedule(m_Loop->Context(), 0, &m_Timer.sul, t_OnTimer, microseconds);
-}
-
-void CNiraIpcProxyWebsocket::t_OnTimer(lws_sorted_usec_list_t* timer) {
-  CNiraIpcProxyWebsocket* self = reinterpret_cast<Timer*>(timer)->transport;
-  NiraIpcGuarded(TAG, "timer", [self] {
-    self->m_Timer.isSet = false;
-    self->m_WaitItems.AnswerTimedOut(MessageWaitItems::Clock::now());
-    self->m_SetTimer();
-  });
+  if (link.descriptor < 0) return;
+  if (isOverflowed) shutdown(link.descriptor, SHUT_RDWR);  // its reader finds it cut and closes it
+  m_Arm(link);
 }
 
 void CNiraIpcProxyWebsocket::OnOpen() {
@@ -387,8 +445,8 @@ void CNiraIpcProxyWebsocket::OnMessage(std::string&& text) {
   if (IsRun()) m_OnMessage(std::move(text));
 }
 
-// A reply is matched here, on the service thread, so that a call made inside a callback is answered while every worker
-// is busy with one.
+// A reply is matched here, by the thread that read it, so that a call made inside a callback is answered while every
+// worker is busy with one.
 void CNiraIpcProxyWebsocket::m_OnMessage(std::string&& text) {
   NIRA_IPC_LOG_INFO(TAG, "message received: %s\n", text.c_str());
   Json::Value root;
@@ -407,10 +465,7 @@ void CNiraIpcProxyWebsocket::m_OnMessage(std::string&& text) {
   if (hasKey && m_WaitItems.IsKeyCreated(key)) {
     NIRA_IPC_LOG_INFO(TAG, "response of %d, Time elapsed : %u ms", key,
                       CNiraIpcUtil::GetTimeInMs() - m_WaitItems.GetStartTick(key));
-    if (m_WaitItems.SetJsonResponse(key, std::move(root))) {
-      m_SetTimer();
-      return;
-    }
+    if (m_WaitItems.SetJsonResponse(key, std::move(root))) return;
   }
   NIRA_IPC_LOG_INFO(TAG, "Unknown message");
   m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_MESSAGE, std::move(text));
@@ -424,10 +479,8 @@ void CNiraIpcProxyWebsocket::m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, 
   });
 }
 
-// Appends a message. False when the connection cannot take it.
-bool CNiraIpcProxyWebsocket::m_SetMessageQueue(const std::string& message) {
-  bool wake = false;
-  std::shared_ptr<CNiraIpcLoop> loop;
+// Appends a message, and sees that it is written. False when the connection cannot take it.
+bool CNiraIpcProxyWebsocket::m_SetMessageQueue(Link& link, const std::string& message) {
   {
     std::lock_guard<std::mutex> lock(m_Mutex);
     if (!m_bConnected || m_bClosedByServer || m_bOverflowed) return false;
@@ -437,17 +490,15 @@ bool CNiraIpcProxyWebsocket::m_SetMessageQueue(const std::string& message) {
       m_bOverflowed = true;
       m_MessageQueue.Clear();
     }
-    wake = !m_bWoken;
-    m_bWoken = true;
-    loop = m_Loop;
   }
   NIRA_IPC_LOG_INFO(TAG, "Send lws_callback_on_writable");
-  if (wake) loop->Wake();
+  link.loop->Demand();
   return true;
 }
 
-std::string CNiraIpcProxyWebsocket::m_GetMessageQueue() {
+std::string CNiraIpcProxyWebsocket::m_GetMessageQueue(bool& isOverflowed) {
   std::lock_guard<std::mutex> lock(m_Mutex);
+  isOverflowed = m_bOverflowed;
   std::string text = m_MessageQueue.Pop();
   if (text.empty()) {
     NIRA_IPC_LOG_INFO(TAG, "messageQueue empty");
@@ -474,8 +525,9 @@ bool CNiraIpcProxyWebsocket::SendRequest(const char* requestType, Json::Value& r
 
 bool CNiraIpcProxyWebsocket::m_SendMessage(const char* requestType, Json::Value& request, Json::Value& reply) {
   int key = 0;
-  if (!m_QueueRequest(requestType, request, nullptr, key)) return false;
-  if (m_WaitItems.WaitForResponse(key)) {
+  LinkPtr link;
+  if (!m_QueueRequest(requestType, request, nullptr, key, link)) return false;
+  if (m_AwaitReply(*link, key)) {
     reply = m_WaitItems.GetJsonResponse(key);
     NIRA_IPC_LOG_INFO(TAG, "GET CONDITION");
     NIRA_IPC_LOG_INFO(TAG, "response = %s", NiraIpcStyledJson(reply).c_str());
@@ -486,6 +538,23 @@ bool CNiraIpcProxyWebsocket::m_SendMessage(const char* requestType, Json::Value&
   NIRA_IPC_LOG_INFO(TAG, "Got reply : %s", m_ConvertJsonValueToString(reply).c_str());
   m_WaitItems.RemoveKey(key);
   return true;
+}
+
+bool CNiraIpcProxyWebsocket::m_AwaitReply(Link& link, int key) {
+  for (;;) {
+    bool mustLead = false;
+    const bool answered = m_WaitItems.WaitForResponse(key, &mustLead);
+    if (!mustLead) return answered;
+    m_SetLed(link);
+    m_Lead(link, key);
+  }
+}
+
+void CNiraIpcProxyWebsocket::m_SetLed(Link& link) {
+  link.loop->WithTurn([&] {
+    link.isLed = true;
+    m_Arm(link);
+  });
 }
 
 // Draws keys until one is free, and enters it into the table. Not 0, which stands for none in the log.
@@ -504,28 +573,29 @@ int CNiraIpcProxyWebsocket::m_CreateKey(uint32_t now, const MessageWaitItems::Co
   }
 }
 
-// Whether requests may be sent; then also the caller's id.
-bool CNiraIpcProxyWebsocket::m_MaySend(std::string& caller) {
+// The connection, if requests may be sent; then also the caller's id.
+CNiraIpcProxyWebsocket::LinkPtr CNiraIpcProxyWebsocket::m_MaySend(std::string& caller) {
   std::lock_guard<std::mutex> lock(m_Mutex);
   if (!m_bConnected) {
     NIRA_IPC_LOG_ERROR(TAG, "Websocket connection is not established.");
-    return false;
+    return nullptr;
   }
   if (m_bClosedByServer) {
     NIRA_IPC_LOG_ERROR(TAG, "Websocket connection is closed by server. can not send message");
-    return false;
+    return nullptr;
   }
   caller = m_strAppId;
-  return true;
+  return m_Link;
 }
 
 // Builds the envelope, enters the request into the table and queues it. False when it was refused: then nothing waits,
 // and the completion does not run.
 bool CNiraIpcProxyWebsocket::m_QueueRequest(const char* requestType, Json::Value& request,
-                                            const MessageWaitItems::Completion& completion, int& key) {
+                                            const MessageWaitItems::Completion& completion, int& key, LinkPtr& link) {
   NIRA_IPC_LOG_INFO(TAG, "m_SendMessage\n");
   std::string caller;
-  if (!m_MaySend(caller)) return false;
+  link = m_MaySend(caller);
+  if (link == nullptr) return false;
   const uint32_t now = CNiraIpcUtil::GetTimeInMs();
   key = m_CreateKey(now, completion);
   Json::Value envelope(Json::objectValue);
@@ -536,8 +606,13 @@ bool CNiraIpcProxyWebsocket::m_QueueRequest(const char* requestType, Json::Value
   envelope["caller"] = caller;
   const std::string text = m_ConvertJsonValueToString(envelope);
   NIRA_IPC_LOG_INFO(TAG, "Json = %s\n", text.c_str());
-  if (m_SetMessageQueue(text)) return true;
-  // The connection ended meanwhile. If that has run the completion already, the request was not refused but answered.
+  // Before it is sent, or the reply may come before its caller is there and wake the service thread.
+  const bool leads = !completion && m_WaitItems.TryLead(key);
+  if (leads) m_SetLed(*link);
+  if (completion && !m_bTimerSet.exchange(true)) link->loop->Wake();
+  if (m_SetMessageQueue(*link, text)) return true;
+  if (leads) m_EndLead(*link, key);
+  // The connection ended meanwhile. If that has answered the request already, it was not refused.
   return !m_WaitItems.RemoveKey(key);
 }
 
@@ -551,8 +626,9 @@ void CNiraIpcProxyWebsocket::m_SendMessageAsync(CRequestAsyncData* data, CNiraIp
   NIRA_IPC_LOG_INFO(TAG, "m_SendMessageAsync");
   const std::shared_ptr<CRequestAsyncData> record(data);
   int key = 0;
+  LinkPtr link;
   const auto completion = [transport, record](Json::Value&& reply) { transport->m_OnAsyncReply(record, reply); };
-  if (!transport->m_QueueRequest(record->requestType, record->request, completion, key)) {
+  if (!transport->m_QueueRequest(record->requestType, record->request, completion, key, link)) {
     transport->m_Complete(record, "");
   }
 }

@@ -1,22 +1,29 @@
 // Server transport. How a message comes and goes:
 //
-//   service thread: assemble -> pool task -> dispatcher -> handler -> reply -> the connection's queue -> wake
-//   service thread, woken: ask for a writeable event for each connection in m_ToService -> write one text an event
+//   idle worker, woken by the connection: read with the turn -> dispatcher -> handler -> reply -> the connection's
+//   queue
+//   -> written with the turn, by this worker or by whoever has it
+//
+// Several messages that came together are left to the pool, but for the first. A socket that takes no more reports to a
+// worker when it does again.
 //
 // A connection lives in m_Connections from its established to its closed event and is shared with the tasks that
-// process its messages, so what they hold stays valid; its handle is a number that no other connection ever gets, so
-// what they send after it closed goes nowhere.
+// process its messages, so what they hold stays valid; its handle is a number that no other connection of the stub ever
+// gets, so what they send after it closed goes nowhere.
 #include "nira_ipc_stub_websocket.h"
 
 #include <errno.h>
-#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "nira_ipc_guard.h"
 #include "nira_ipc_json.h"
@@ -30,19 +37,29 @@
 namespace {
 
 constexpr const char* kProtocol = "nira-protocol";
-constexpr const char* kLoopbackInterface = "lo";
 constexpr unsigned kWorkers = 10;
+constexpr int kBacklog = 128;
+constexpr uint32_t kReadable = EPOLLIN | EPOLLRDHUP;
+
+// What the service thread's poller reports. Connections that are in the handshake share one id: libwebsockets looks
+// after them all.
+constexpr uint64_t kListener = 1;
+constexpr uint64_t kInterrupt = 2;
+constexpr uint64_t kHandshake = 3;
+
+// How often libwebsockets may look at its clock while it has something to time: a handshake, the end of a connection.
+constexpr std::chrono::seconds kLookInterval{1};
 
 // Descriptors left to the rest of the process: an accept that fails because there are none would be tried again for
 // ever.
 constexpr int kSpareDescriptors = 8;
 
-// Becomes readable for good when a SIGINT comes; each stub's context watches a duplicate. A signal handler may write to
-// a descriptor, and may not call libwebsockets.
+// Becomes readable for good when a SIGINT comes; every stub's service thread watches it. A signal handler may write to
+// a descriptor, and may do little else.
 std::atomic<int> g_InterruptDescriptor{-1};
 
-// A duplicate for one context, or -1. A child of fork() gets an event of its own, not its parent's.
-int DuplicateInterrupt() {
+// A child of fork() gets an event of its own, not its parent's.
+int InterruptDescriptor() {
   static std::mutex making;
   static pid_t process = 0;
   std::lock_guard<std::mutex> lock(making);
@@ -50,13 +67,30 @@ int DuplicateInterrupt() {
     g_InterruptDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     process = getpid();
   }
-  return g_InterruptDescriptor < 0 ? -1 : fcntl(g_InterruptDescriptor, F_DUPFD_CLOEXEC, 0);
+  return g_InterruptDescriptor;
 }
 
 int DescriptorLimit() {
   rlimit limit = {};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur > 1 << 30) return 1 << 30;
   return static_cast<int>(limit.rlim_cur);
+}
+
+int OpenListener(sa_family_t family, const void* address, socklen_t size) {
+  CNiraIpcDescriptor listener(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const int yes = 1, no = 0;
+  if (!listener.IsOpen()) return -1;
+  setsockopt(listener.Get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  if (family == AF_INET6) setsockopt(listener.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &no, sizeof no);
+  if (bind(listener.Get(), static_cast<const sockaddr*>(address), size) != 0) return -1;
+  return listen(listener.Get(), kBacklog) == 0 ? listener.Release() : -1;
+}
+
+// Closes the connection with a reset, so that the client learns at once.
+void Reset(int descriptor) {
+  const linger noLinger = {1, 0};
+  setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &noLinger, sizeof noLinger);
+  close(descriptor);
 }
 
 }  // namespace
@@ -76,7 +110,7 @@ void CNiraIpcStubWebsocket::INT_HANDLER(int) {
 
 const ThreadPool::StopAtExit CNiraIpcStubWebsocket::m_StopThreadPool(m_ThreadPool);
 
-CNiraIpcStubWebsocket::CNiraIpcStubWebsocket() {
+CNiraIpcStubWebsocket::CNiraIpcStubWebsocket() : m_Loop(std::make_shared<CNiraIpcLoop>([this] { m_WriteQueued(); })) {
   static const ThreadPool::StopAtExit stopBeforeStatics(m_ThreadPool);
   (void)stopBeforeStatics;
 }
@@ -95,6 +129,10 @@ bool CNiraIpcStubWebsocket::Start(int port) {
   m_SetWebSocketProtocol(kProtocol);
   m_SetWebSocketInfo();
   m_SetWebSocketContext();
+  m_Loop->UsePoller();
+  if (!m_Loop->Poller().Add(InterruptDescriptor(), kInterrupt, EPOLLIN)) {
+    NIRA_IPC_LOG_ERROR(TAG, "no descriptor to watch for SIGINT");
+  }
   sigaction(SIGINT, &action, nullptr);
   m_Loop->StartThread("nira-stub-svc", Gate(), [this, gate = Gate()] {
     CNiraIpcCallbackGate::Pass pass(gate);  // a stub that is stopped inside one of its events goes when this ends
@@ -115,42 +153,44 @@ void CNiraIpcStubWebsocket::m_SetWebSocketProtocol(const char* name) {
 }
 
 void CNiraIpcStubWebsocket::m_SetWebSocketInfo() {
-  m_ContextInfo.port = m_nPort;
+  m_ContextInfo.port = CONTEXT_PORT_NO_LISTEN_SERVER;
   m_ContextInfo.protocols = m_Protocols;
   m_ContextInfo.user = this;
-  // An interface that is missing must fail here and now; libwebsockets would try again later, silently.
-  m_ContextInfo.options = LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
-  // Otherwise libwebsockets makes tables for every descriptor that the process could ever have. The listener, the
-  // wake-up and the interrupt take a slot each; the clients' bound keeps it from ever being full, where it would stop
-  // accepting.
+  // Otherwise libwebsockets makes tables for every descriptor that the process could ever have. Its wake-up takes a
+  // slot; the clients' bound keeps it from ever being full.
   m_ContextInfo.fd_limit_per_thread = kNiraIpcMaxClients + 16;
-  CNiraTVModeChecker modeChecker;
-  if (modeChecker.IsDebugMode()) {
-    NIRA_IPC_LOG_ERROR(TAG, "Open websocket port for internal and external ip");
-  } else {
-    m_ContextInfo.iface = kLoopbackInterface;
-    m_ContextInfo.options |= LWS_SERVER_OPTION_DISABLE_IPV6;  // or it would listen on [::ffff:127.0.0.1]
-    NIRA_IPC_LOG_INFO(TAG, "Open websocket port only for internal ip");
+}
+
+int CNiraIpcStubWebsocket::m_Listen(bool onAllInterfaces) {
+  const auto port = htons(static_cast<uint16_t>(m_nPort));
+  if (onAllInterfaces) {
+    sockaddr_in6 address = {};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = port;
+    const int listener = OpenListener(AF_INET6, &address, sizeof address);
+    if (listener >= 0 || errno != EAFNOSUPPORT) return listener;  // else the kernel has no IPv6
   }
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = port;
+  address.sin_addr.s_addr = htonl(onAllInterfaces ? INADDR_ANY : INADDR_LOOPBACK);
+  return OpenListener(AF_INET, &address, sizeof address);
 }
 
 bool CNiraIpcStubWebsocket::m_SetWebSocketContext() {
-  const bool validPort = m_nPort >= 0 && m_nPort <= 65535;  // libwebsockets would cut it to 16 bits
-  bool created = validPort && m_Loop->CreateContext(m_ContextInfo);
-  if (validPort && !created && m_ContextInfo.iface == nullptr) {  // all interfaces, on a kernel without IPv6
-    m_ContextInfo.options |= LWS_SERVER_OPTION_DISABLE_IPV6;
-    created = m_Loop->CreateContext(m_ContextInfo);
+  CNiraTVModeChecker modeChecker;
+  const bool onAllInterfaces = modeChecker.IsDebugMode();
+  if (onAllInterfaces) {
+    NIRA_IPC_LOG_ERROR(TAG, "Open websocket port for internal and external ip");
+  } else {
+    NIRA_IPC_LOG_INFO(TAG, "Open websocket port only for internal ip");
   }
-  if (!created) {
+  if (m_nPort >= 0 && m_nPort <= 65535) m_Listener.Reset(m_Listen(onAllInterfaces));
+  if (!m_Listener.IsOpen() || !m_Loop->Poller().Add(m_Listener.Get(), kListener, EPOLLIN) ||
+      !m_Loop->CreateContext(m_ContextInfo)) {
     NIRA_IPC_LOG_ERROR(TAG, "[m_SetWebSocketContext] Websocket context create error.");
+    m_Listener.Reset();
     return false;
-  }
-  lws_sock_file_fd_type descriptor;
-  descriptor.filefd = DuplicateInterrupt();
-  lws_vhost* vhost = lws_get_vhost_by_name(m_Loop->Context(), "default");
-  if (descriptor.filefd < 0 ||
-      lws_adopt_descriptor_vhost(vhost, LWS_ADOPT_RAW_FILE_DESC, descriptor, kProtocol, nullptr) == nullptr) {
-    NIRA_IPC_LOG_ERROR(TAG, "no descriptor to watch for SIGINT");
   }
   m_nOwnSockets = m_nSockets;
   return true;
@@ -158,10 +198,66 @@ bool CNiraIpcStubWebsocket::m_SetWebSocketContext() {
 
 void CNiraIpcStubWebsocket::m_ServiceThread() {
   NIRA_IPC_LOG_INFO(TAG, "main thread start.\n");
-  while (!m_Loop->IsStopping() && destroy_flag == 0 && m_Loop->Service()) {
+  std::optional<CNiraIpcPoller::Clock::time_point> nextLook;
+  while (!m_Loop->IsStopping() && destroy_flag == 0) {
+    const CNiraIpcPoller::Ready ready = m_Loop->Poller().Wait(nextLook);
+    Events events;
+    m_Loop->WithTurn([&] {
+      m_HandleReady(ready.id);
+      events.swap(m_Events);
+      if (!m_MustLook()) {
+        nextLook.reset();
+      } else if (!nextLook || ready.id == CNiraIpcPoller::kTimedOut) {
+        nextLook = CNiraIpcPoller::Clock::now() + kLookInterval;
+      }
+    });
+    for (Event& event : events) NiraIpcGuarded(TAG, "websocket event", [&] { m_DeliverHere(event); });
   }
-  m_Loop->DestroyContext();
+  m_Listener.Reset();
+  m_Loop->DestroyContext();  // from now on nobody gets a turn
+  for (Event& event : m_Events) NiraIpcGuarded(TAG, "websocket event", [&] { m_DeliverHere(event); });
   NIRA_IPC_LOG_INFO(TAG, "main thread  end.\n");
+}
+
+// Whether libwebsockets times something, or there is something to try again.
+bool CNiraIpcStubWebsocket::m_MustLook() const {
+  return m_bListenerPaused || m_nSockets - m_nOwnSockets > m_nEstablished;
+}
+
+void CNiraIpcStubWebsocket::m_HandleReady(uint64_t id) {
+  if (id == CNiraIpcPoller::kTimedOut && m_bListenerPaused) {
+    m_bListenerPaused = !m_Loop->Poller().Add(m_Listener.Get(), kListener, EPOLLIN);
+  }
+  if (id == kListener) m_Accept();
+  if (id == kHandshake || id == CNiraIpcPoller::kTimedOut) m_Loop->ServiceAll();
+}
+
+void CNiraIpcStubWebsocket::m_Accept() {
+  lws_vhost* vhost = lws_get_vhost_by_name(m_Loop->Context(), "default");
+  for (;;) {
+    const int descriptor = accept4(m_Listener.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (descriptor < 0) break;
+    if (m_IsFull(descriptor)) {
+      Reset(descriptor);
+      continue;
+    }
+    const int yes = 1;
+    setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    if (lws_adopt_socket_vhost(vhost, descriptor) == nullptr) continue;  // which has closed it
+    m_Loop->Poller().Add(descriptor, kHandshake, kReadable);
+  }
+  if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) return;
+  // The listener stays readable. Its client waits until there are descriptors again.
+  NIRA_IPC_LOG_ERROR(TAG, "connection not accepted: errno %d", errno);
+  m_Loop->Poller().Remove(m_Listener.Get());
+  m_bListenerPaused = true;
+}
+
+bool CNiraIpcStubWebsocket::m_IsFull(int descriptor) const {
+  const unsigned clients = m_nSockets - m_nOwnSockets;
+  const bool isFull = clients >= kNiraIpcMaxClients || descriptor >= DescriptorLimit() - kSpareDescriptors;
+  if (isFull) NIRA_IPC_LOG_ERROR(TAG, "connection refused: %u are open already", clients);
+  return isFull;
 }
 
 int CNiraIpcStubWebsocket::t_WebSocketCbFunction(lws* wsi, lws_callback_reasons reason, void* user, void* in,
@@ -194,43 +290,34 @@ int CNiraIpcStubWebsocket::m_WebSocketCbFunction(lws* wsi, lws_callback_reasons 
       return *slot != nullptr ? m_OnReceive(**slot, static_cast<const char*>(in), len) : -1;
     case LWS_CALLBACK_SERVER_WRITEABLE:
       return *slot != nullptr ? m_OnWriteable(**slot) : -1;
-    case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
-      m_OnWoken();
+    case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
+      if (*slot != nullptr) m_Ending(***slot);
       return 0;
-    case LWS_CALLBACK_FILTER_NETWORK_CONNECTION:
-      return m_MayAccept(static_cast<int>(reinterpret_cast<intptr_t>(in))) ? 0 : 1;
     case LWS_CALLBACK_WSI_CREATE:
       ++m_nSockets;
       return 0;
     case LWS_CALLBACK_WSI_DESTROY:
       --m_nSockets;
       return 0;
-    case LWS_CALLBACK_RAW_RX_FILE:
-      return destroy_flag != 0 ? 0 : -1;  // the interrupt; the loop looks at the flag
     default:
       return lws_callback_http_dummy(wsi, reason, user, in, len);  // plain HTTP gets its answer
   }
 }
 
-bool CNiraIpcStubWebsocket::m_MayAccept(int descriptor) const {
-  const unsigned clients = m_nSockets - m_nOwnSockets;
-  const bool mayAccept = clients < kNiraIpcMaxClients && descriptor < DescriptorLimit() - kSpareDescriptors;
-  if (!mayAccept) NIRA_IPC_LOG_ERROR(TAG, "connection refused: %u are open already", clients);
-  return mayAccept;
-}
-
 void CNiraIpcStubWebsocket::m_OnEstablished(lws* wsi, ConnectionPtr** slot) {
   NIRA_IPC_LOG_ERROR(TAG, "[CNiraIpcStubWebsocket] Connection established");
   void* handle = reinterpret_cast<void*>(++m_nLastHandle);  // NOLINT(performance-no-int-to-ptr): never dereferenced
-  auto connection = std::make_shared<Connection>(handle, wsi);
+  auto connection = std::make_shared<Connection>(*this, handle, wsi);
   auto entry = std::make_unique<ConnectionPtr>(connection);
+  m_Events.push_back({Event::kOpen, connection, {}});
   {
     std::lock_guard<std::mutex> lock(m_Lock);
     m_Connections.emplace(handle, std::move(connection));
   }
+  m_Loop->Poller().Remove((*entry)->descriptor);  // the handshake is over; the workers get it when it has been told
   *slot = entry.release();
+  ++m_nEstablished;
   SetClientWaitRegister(handle);
-  OnOpen(handle);
 }
 
 void CNiraIpcStubWebsocket::m_OnClosed(ConnectionPtr** slot) {
@@ -239,13 +326,25 @@ void CNiraIpcStubWebsocket::m_OnClosed(ConnectionPtr** slot) {
   const std::unique_ptr<ConnectionPtr> entry(*slot);
   *slot = nullptr;
   const ConnectionPtr connection = *entry;
+  m_Ending(*connection);
+  if (connection->watch != 0) m_ThreadPool.Unwatch(connection->descriptor, connection->watch);
+  connection->wsi = nullptr;
   {
     std::lock_guard<std::mutex> lock(m_Lock);
-    connection->wsi = nullptr;
     connection->outgoing.Clear();
     m_Connections.erase(connection->handle);
   }
-  OnClose(connection->handle);
+  m_Events.push_back({Event::kClose, connection, {}});
+}
+
+// From here on libwebsockets may need its clock for the connection, which the service thread looks at for it. Gives
+// what makes it end the connection.
+int CNiraIpcStubWebsocket::m_Ending(Connection& connection) {
+  if (!std::exchange(connection.isEnding, true)) {
+    --m_nEstablished;
+    m_Loop->Wake();
+  }
+  return -1;
 }
 
 int CNiraIpcStubWebsocket::m_OnReceive(const ConnectionPtr& connection, const char* data, size_t length) {
@@ -255,49 +354,64 @@ int CNiraIpcStubWebsocket::m_OnReceive(const ConnectionPtr& connection, const ch
   if (remaining > kNiraIpcMaxIncomingMessage || received.size() + length + remaining > kNiraIpcMaxIncomingMessage) {
     NIRA_IPC_LOG_ERROR(TAG, "client(%p) sends a message of more than %zu bytes. disconnect", connection->handle,
                        kNiraIpcMaxIncomingMessage);
-    return -1;
+    return m_Ending(*connection);
   }
   received.append(data, length);
   if (remaining != 0 || lws_is_final_fragment(connection->wsi) == 0) return 0;
-  OnMessage(std::move(received), connection);
-  received.clear();
+  // Requests wait in memory for a worker. A client that sends faster than they are processed is not read from until
+  // half of them are done; TCP then holds it back.
+  connection->backlog += received.size() + kNiraIpcRequestOverhead;
+  if (connection->backlog > kNiraIpcMaxRequestBacklog) connection->readingPaused = true;
+  m_Events.push_back({Event::kMessage, connection, std::exchange(received, {})});
   return 0;
 }
 
+// libwebsockets is let to write after every read, so this comes often and seldom means anything: only what the watch
+// has found may cost the connection, and its registration may just be being recorded.
 int CNiraIpcStubWebsocket::m_OnWriteable(const ConnectionPtr& connection) {
-  NIRA_IPC_LOG_INFO(NIRA_IPC_TAG_PROXY, "[CNiraIpcStubWebsocket] LWS_CALLBACK_SERVER_WRITEABLE");
-  std::string text;
-  bool more = false;
-  {
-    std::lock_guard<std::mutex> lock(m_Lock);
-    text = connection->outgoing.Pop();
-    more = !connection->outgoing.IsEmpty() || connection->foundUnregistered;
-  }
-  if (text.empty()) return m_CheckUnregistered(connection);
-  NIRA_IPC_LOG_INFO(TAG, "[m_WebSocketWriteBack] %s\n", text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom);
-  if (NiraIpcWriteText(connection->wsi, text) < 0) return -1;
-  if (more) lws_callback_on_writable(connection->wsi);
-  return 0;
+  return connection->foundUnregistered.exchange(false) ? m_CheckUnregistered(connection) : 0;
 }
 
-// A writeable event with nothing to write comes from the watch, or from libwebsockets after it drained a large text.
-// Only what the watch has found may cost the connection: its registration may just be being recorded.
 int CNiraIpcStubWebsocket::m_CheckUnregistered(const ConnectionPtr& connection) {
-  {
-    std::lock_guard<std::mutex> lock(m_Lock);
-    if (!connection->foundUnregistered) return 0;
-    connection->foundUnregistered = false;
-  }
   if (IsClientRegistered(connection->handle)) {
     NIRA_IPC_LOG_INFO(TAG, "client(%p) registered\n", connection->handle);
     return 0;
   }
   NIRA_IPC_LOG_ERROR(TAG, "Client(%p) handshake has not been done properly", connection->handle);
   NIRA_IPC_LOG_ERROR(TAG, "disconnect the client(%p)", connection->handle);
-  return -1;
+  return m_Ending(*connection);
 }
 
-void CNiraIpcStubWebsocket::m_OnWoken() {
+void CNiraIpcStubWebsocket::Connection::OnReady(uint32_t events) {
+  CNiraIpcCallbackGate::Pass pass(gate);
+  const ConnectionPtr connection = self.lock();
+  if (!pass || connection == nullptr) return;
+  NiraIpcGuarded(TAG, "websocket event", [&] { stub.m_ReadConnection(connection, events); });
+}
+
+void CNiraIpcStubWebsocket::m_ReadConnection(const ConnectionPtr& connection, uint32_t events) {
+  Events messages;
+  m_Loop->WithTurn([&] {
+    if (connection->wsi == nullptr) return;
+    m_Loop->ServiceDescriptor(connection->descriptor, connection->overflowed ? EPOLLHUP : events);
+    if ((events & EPOLLOUT) != 0 && connection->wsi != nullptr) m_WriteConnection(*connection);
+    if (connection->wsi != nullptr) m_Arm(*connection);
+    m_TakeMessages(messages);
+  });
+  m_Deliver(messages);
+}
+
+// With the turn: what the workers are to be told of next.
+void CNiraIpcStubWebsocket::m_Arm(Connection& connection) {
+  if (connection.watch == 0) return;
+  if (connection.readingPaused && connection.backlog <= kNiraIpcMaxRequestBacklog / 2) connection.readingPaused = false;
+  uint32_t events = connection.readingPaused ? 0 : kReadable;
+  if (lws_partial_buffered(connection.wsi) != 0 || connection.foundUnregistered) events |= EPOLLOUT;
+  m_ThreadPool.Arm(connection.descriptor, connection.watch, events);
+}
+
+// With the turn: writes what any thread has queued.
+void CNiraIpcStubWebsocket::m_WriteQueued() {
   std::vector<ConnectionPtr> toService;
   {
     std::lock_guard<std::mutex> lock(m_Lock);
@@ -305,25 +419,64 @@ void CNiraIpcStubWebsocket::m_OnWoken() {
     for (const ConnectionPtr& connection : toService) connection->needsService = false;
   }
   for (const ConnectionPtr& connection : toService) {
-    if (connection->wsi != nullptr) m_ServiceConnection(*connection);  // else it closed meanwhile
+    if (connection->wsi != nullptr) m_WriteConnection(*connection);  // else it closed meanwhile
   }
 }
 
-void CNiraIpcStubWebsocket::m_ServiceConnection(Connection& connection) {
-  bool overflowed = false;
-  bool resume = false;
-  {
-    std::lock_guard<std::mutex> lock(m_Lock);
-    overflowed = connection.overflowed;
-    resume = connection.readingPaused && connection.backlog <= kNiraIpcMaxRequestBacklog / 2;
-    if (resume) connection.readingPaused = false;
+// With the turn: writes one message after the other until none is left or the socket takes no more.
+void CNiraIpcStubWebsocket::m_WriteConnection(Connection& connection) {
+  while (!connection.overflowed && lws_partial_buffered(connection.wsi) == 0) {
+    std::string text;
+    {
+      std::lock_guard<std::mutex> lock(m_Lock);
+      text = connection.outgoing.Pop();
+    }
+    if (text.empty()) break;
+    NIRA_IPC_LOG_INFO(NIRA_IPC_TAG_PROXY, "[CNiraIpcStubWebsocket] LWS_CALLBACK_SERVER_WRITEABLE");
+    NIRA_IPC_LOG_INFO(TAG, "[m_WebSocketWriteBack] %s\n", text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom);
+    if (NiraIpcWriteText(connection.wsi, text) < 0) connection.overflowed = true;
   }
-  if (overflowed) {
-    lws_set_timeout(connection.wsi, PENDING_TIMEOUT_USER_REASON_BASE, LWS_TO_KILL_ASYNC);
+  if (connection.overflowed) shutdown(connection.descriptor, SHUT_RDWR);  // its reader finds it cut and closes it
+  if (lws_partial_buffered(connection.wsi) != 0 || connection.foundUnregistered) m_Arm(connection);
+}
+
+// With the turn: takes the messages out of what happened. The rest is the service thread's, which alone tells of
+// connections.
+void CNiraIpcStubWebsocket::m_TakeMessages(Events& messages) {
+  const auto isMessage = [](const Event& event) { return event.kind == Event::kMessage; };
+  if (std::all_of(m_Events.begin(), m_Events.end(), isMessage)) {
+    messages.swap(m_Events);
     return;
   }
-  if (resume) lws_rx_flow_control(connection.wsi, 1);
-  lws_callback_on_writable(connection.wsi);
+  const auto rest = std::stable_partition(m_Events.begin(), m_Events.end(), isMessage);
+  messages.assign(std::make_move_iterator(m_Events.begin()), std::make_move_iterator(rest));
+  m_Events.erase(m_Events.begin(), rest);
+  m_Loop->Wake();
+}
+
+// A worker processes the first message that it read, and leaves the others to the pool.
+void CNiraIpcStubWebsocket::m_Deliver(Events& messages) {
+  if (messages.empty()) return;
+  for (size_t i = 1; i < messages.size(); ++i) OnMessage(std::move(messages[i].text), messages[i].connection);
+  const Event& first = messages.front();
+  NIRA_IPC_LOG_INFO(TAG, "on_message called with message: %s, %p", first.text.c_str(), first.connection->handle);
+  const auto process = [this, &first] { m_ProcessMessage(first.text, first.connection); };
+  m_ThreadPool.RunHere(process);
+}
+
+void CNiraIpcStubWebsocket::m_DeliverHere(Event& event) {
+  Connection& connection = *event.connection;
+  if (event.kind == Event::kMessage) OnMessage(std::move(event.text), event.connection);
+  if (event.kind == Event::kClose) OnClose(connection.handle);
+  if (event.kind != Event::kOpen) return;
+  OnOpen(connection.handle);
+  m_Loop->WithTurn([&] {
+    if (connection.wsi == nullptr) return;
+    connection.self = event.connection;
+    connection.watch = m_ThreadPool.Watch(connection.descriptor, event.connection, kReadable);
+    if (connection.watch == 0) NIRA_IPC_LOG_ERROR(TAG, "client(%p) cannot be watched", connection.handle);
+    m_WriteConnection(connection);  // what could not be written before
+  });
 }
 
 void CNiraIpcStubWebsocket::OnOpen(void* handle) {
@@ -344,14 +497,15 @@ void CNiraIpcStubWebsocket::OnClose(void* handle) {
 
 void CNiraIpcStubWebsocket::OnMessage(std::string&& text, const ConnectionPtr& connection) {
   NIRA_IPC_LOG_INFO(TAG, "on_message called with message: %s, %p", text.c_str(), connection->handle);
-  const size_t bytes = text.size() + kNiraIpcRequestOverhead;
-  m_AddToBacklog(connection, bytes);
-  m_ThreadPool.enqueue([this, gate = Gate(), connection, bytes, text = std::move(text)]() mutable {
+  m_ThreadPool.Post([this, gate = Gate(), connection, text = std::move(text)] {
     CNiraIpcCallbackGate::Pass pass(gate);
-    if (!pass) return;
-    NiraIpcGuarded(TAG, "request", [&] { t_ThreadMessage(text, connection->handle); });
-    m_TakeFromBacklog(connection, bytes);
+    if (pass) m_ProcessMessage(text, connection);
   });
+}
+
+void CNiraIpcStubWebsocket::m_ProcessMessage(const std::string& text, const ConnectionPtr& connection) {
+  NiraIpcGuarded(TAG, "request", [&] { t_ThreadMessage(text, connection->handle); });
+  m_TakeFromBacklog(connection, text.size() + kNiraIpcRequestOverhead);
 }
 
 void CNiraIpcStubWebsocket::t_ThreadMessage(const std::string& text, void* handle) {
@@ -359,28 +513,12 @@ void CNiraIpcStubWebsocket::t_ThreadMessage(const std::string& text, void* handl
   CallInternalCallback(NIRA_IPC_STUB_INTERNAL_CALLBACK_MESSAGE, text, handle);
 }
 
-// Requests wait in memory for a worker. A client that sends faster than they are processed is not read from until half
-// of them are done; TCP then holds it back. (Service thread.)
-void CNiraIpcStubWebsocket::m_AddToBacklog(const ConnectionPtr& connection, size_t bytes) {
-  {
-    std::lock_guard<std::mutex> lock(m_Lock);
-    connection->backlog += bytes;
-    if (connection->readingPaused || connection->backlog <= kNiraIpcMaxRequestBacklog) return;
-    connection->readingPaused = true;
-  }
-  lws_rx_flow_control(connection->wsi, 0);
-}
-
 void CNiraIpcStubWebsocket::m_TakeFromBacklog(const ConnectionPtr& connection, size_t bytes) {
-  bool wake = false;
-  {
-    std::lock_guard<std::mutex> lock(m_Lock);
-    connection->backlog -= bytes;
-    if (connection->readingPaused && connection->backlog <= kNiraIpcMaxRequestBacklog / 2) {
-      wake = m_NeedsService(connection);
-    }
-  }
-  if (wake) m_Loop->Wake();
+  connection->backlog -= bytes;
+  if (!connection->readingPaused || connection->backlog > kNiraIpcMaxRequestBacklog / 2) return;
+  m_Loop->WithTurn([&] {
+    if (connection->wsi != nullptr) m_Arm(*connection);
+  });
 }
 
 void CNiraIpcStubWebsocket::SendJson(void* handle, const Json::Value& json) {
@@ -401,14 +539,13 @@ int CNiraIpcStubWebsocket::m_SendMessage(void* handle, const std::string& text) 
   return m_WebSocketWriteBack(handle, text.c_str(), static_cast<int>(text.size()));
 }
 
-// Queues the text; the service thread, which owns the socket, writes it. Gives the length, or -1.
+// Queues the text and sees that it is written. Gives the length, or -1.
 int CNiraIpcStubWebsocket::m_WebSocketWriteBack(void* handle, const char* text, int length) {
   if (handle == nullptr || text == nullptr) {
     NIRA_IPC_LOG_ERROR(TAG, "handler is null");
     return -1;
   }
   const size_t size = length < 1 ? std::strlen(text) : static_cast<size_t>(length);
-  bool wake = false;
   {
     std::lock_guard<std::mutex> lock(m_Lock);
     const auto found = m_Connections.find(handle);
@@ -419,37 +556,31 @@ int CNiraIpcStubWebsocket::m_WebSocketWriteBack(void* handle, const char* text, 
       connection->overflowed = true;
       connection->outgoing.Clear();
     }
-    wake = m_NeedsService(connection);
+    m_NeedsService(connection);
   }
-  if (wake) m_Loop->Wake();
+  m_Loop->Demand();
   return static_cast<int>(size);
 }
 
-// With m_Lock: puts the connection before the service thread. True when nobody has woken that yet.
-bool CNiraIpcStubWebsocket::m_NeedsService(const ConnectionPtr& connection) {
-  if (connection->needsService) return false;
-  connection->needsService = true;
+// With m_Lock: puts the connection before whoever takes the turn next.
+void CNiraIpcStubWebsocket::m_NeedsService(const ConnectionPtr& connection) {
+  if (std::exchange(connection->needsService, true)) return;
   m_ToService.push_back(connection);
-  return m_ToService.size() == 1;
-}
-
-CNiraIpcStubWebsocket::ConnectionPtr CNiraIpcStubWebsocket::m_FindConnection(void* handle) {
-  std::lock_guard<std::mutex> lock(m_Lock);
-  const auto found = m_Connections.find(handle);
-  return found != m_Connections.end() ? found->second : nullptr;
 }
 
 void CNiraIpcStubWebsocket::m_CheckClientRegister(void* handle, int) {
   NIRA_IPC_LOG_INFO(TAG, "t_CheckClientRegister start. (%p)\n", handle);
   if (!IsClientRegistered(handle)) {
     NIRA_IPC_LOG_INFO(TAG, "client(%p) has not been registered yet. call writable callback\n", handle);
-    bool wake = false;
-    if (const ConnectionPtr connection = m_FindConnection(handle)) {
+    {
       std::lock_guard<std::mutex> lock(m_Lock);
-      connection->foundUnregistered = true;
-      wake = m_NeedsService(connection);
+      const auto found = m_Connections.find(handle);
+      if (found != m_Connections.end()) {
+        found->second->foundUnregistered = true;
+        m_NeedsService(found->second);
+      }
     }
-    if (wake) m_Loop->Wake();
+    m_Loop->Demand();
   } else {
     NIRA_IPC_LOG_INFO(TAG, "client(%p) had been registered\n", handle);
   }
