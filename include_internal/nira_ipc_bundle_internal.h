@@ -60,6 +60,9 @@ class CNiraIpcBundle {
   // {"bundle": content}
   Json::Value GetJson() const;
 
+  // The text of that, for a request.
+  std::string GetJsonText() const;
+
  protected:
   // For a container whose records are not the content itself but lie under `member` of it.
   explicit CNiraIpcBundle(const char* member) : m_Member(member) {}

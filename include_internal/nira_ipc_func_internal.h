@@ -21,6 +21,9 @@ class CNiraIpcFunc : public CNiraIpcBundle {
   // {"method": name, "params": content}
   Json::Value GetJson() const;
 
+  // The text of that, for a request.
+  std::string GetJsonText() const;
+
  private:
   std::string m_MethodName;
 };

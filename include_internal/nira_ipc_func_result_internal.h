@@ -19,6 +19,9 @@ class CNiraIpcFuncResult : public CNiraIpcBundle {
 
   // A copy of the content.
   Json::Value GetJson() const;
+
+  // The content itself, which is then empty.
+  Json::Value TakeJson() { return std::move(m_Content); }
 };
 
 #endif  // NIRA_IPC_FUNC_RESULT_INTERNAL_H

@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <string>
+#include <string_view>
 
 // Parses one JSON text, comments allowed. False for anything that is no JSON or is nested too deep.
 bool NiraIpcParseJson(const char* text, size_t length, Json::Value& root);
@@ -14,7 +15,12 @@ inline bool NiraIpcParseJson(const char* text, Json::Value& root) {
   return NiraIpcParseJson(text, std::strlen(text), root);
 }
 
-// The compact one-line form, which ends with a line feed.
+// Appends the compact form, which is what both ends send; a text is quoted.
+void NiraIpcAppendJson(std::string& to, const Json::Value& value);
+void NiraIpcAppendJson(std::string& to, std::string_view text);
+void NiraIpcAppendJson(std::string& to, int64_t number);
+
+// The compact form as one line: it ends with a line feed.
 std::string NiraIpcWriteJson(const Json::Value& value);
 
 // The styled form, for log lines.

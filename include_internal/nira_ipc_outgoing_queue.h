@@ -10,11 +10,15 @@ struct lws;
 
 class CNiraIpcOutgoingQueue {
  public:
-  // Room that libwebsockets wants in front of what it writes.
+  // Room that libwebsockets wants in front of what it writes: every text begins with so many bytes that are not its
+  // own.
   static const size_t kHeadRoom;
 
-  // Appends a copy of the text. False, and nothing appended, when the queue would hold more than its bound.
-  bool Push(const char* text, size_t length);
+  // A text to append to, with room for so many more bytes.
+  static std::string Begin(size_t length);
+
+  // Appends a text. False, and nothing appended, when the queue would hold more than its bound.
+  bool Push(std::string&& text);
 
   // The oldest text, with kHeadRoom bytes before it; empty when there is none.
   std::string Pop();

@@ -42,18 +42,18 @@ class CNiraIpcProxy {
   void SendBundle(const CNiraIpcBundle* bundle);
 
   bool CallUserCallback(NIRA_IPC_PROXY_CALLBACK_TYPE type, const std::string& text);
-  bool CallBundleCallback(const Json::Value& bundle);
+  bool CallBundleCallback(Json::Value bundle);
 
  private:
   static constexpr unsigned kCallbackTypes = 4;
 
-  static void t_NiraIpcProxyCallbackOnOpen(const char* text, void* proxy);
-  static void t_NiraIpcProxyCallbackOnClose(const char* text, void* proxy);
-  static void t_NiraIpcProxyCallbackOnMessage(const char* text, void* proxy);
+  static void t_NiraIpcProxyCallbackOnOpen(const char* text, Json::Value& message, void* proxy);
+  static void t_NiraIpcProxyCallbackOnClose(const char* text, Json::Value& message, void* proxy);
+  static void t_NiraIpcProxyCallbackOnMessage(const char* text, Json::Value& message, void* proxy);
 
   bool m_RegisterAppID(const std::string& app_id);
   void m_CallEventCallback(NIRA_IPC_PROXY_CALLBACK_TYPE type, const char* text);
-  bool m_Send(const char* requestType, Json::Value request, std::string& reply);
+  bool m_Send(const char* requestType, const std::string& request, std::string& reply);
 
   INiraIpcProxy* const m_pImpl;  // owned
   CNiraIpcCallbackSlot<nira_ipc_proxy_callback> m_UserCallbacks[kCallbackTypes];

@@ -19,8 +19,8 @@ enum NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE {
 
 // One asynchronous call, from its making to the end of its callback.
 struct CRequestAsyncData {
-  const char* requestType;  // a literal
-  Json::Value request;
+  const char* requestType;           // a literal
+  std::string request;               // its JSON text
   nira_ipc_proxy_callback callback;  // may be null
   void* userData;
 };
@@ -29,7 +29,8 @@ struct CRequestAsyncData {
 // first connect and constant from then on.
 class INiraIpcProxy {
  public:
-  using InternalCallback = void (*)(const char* text, void* userData);
+  // `message` is what the text says, if it is one; the callback may take it.
+  using InternalCallback = void (*)(const char* text, Json::Value& message, void* userData);
 
   INiraIpcProxy();
   virtual ~INiraIpcProxy();
@@ -37,15 +38,15 @@ class INiraIpcProxy {
   virtual void SetDisconnect() = 0;
   virtual bool IsConnected() = 0;
 
-  // Sends a request and blocks for its reply, at most 20 seconds. False when it was refused, which leaves `reply` as it
-  // was. `request` is used up.
-  virtual bool SendMessage(const char* requestType, Json::Value& request, std::string& reply) = 0;
+  // Sends a request, given as JSON text, and blocks for its reply, at most 20 seconds. False when it was refused, which
+  // leaves `reply` as it was.
+  virtual bool SendMessage(const char* requestType, const std::string& request, std::string& reply) = 0;
 
   // Takes the record over. Does not block.
   virtual void SendMessageAsync(CRequestAsyncData* data) = 0;
 
   // SendMessage for a caller that wants the reply's members, not its text.
-  virtual bool SendRequest(const char* requestType, Json::Value& request, Json::Value& reply) = 0;
+  virtual bool SendRequest(const char* requestType, const std::string& request, Json::Value& reply) = 0;
 
   // Disconnects, whatever state it is in, and waits until nothing runs on behalf of this proxy in other threads.
   virtual void TearDown() = 0;
@@ -54,7 +55,7 @@ class INiraIpcProxy {
   INiraIpcProxy& operator=(const INiraIpcProxy&) = delete;
 
   void RegisterInternalCallback(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, InternalCallback callback, void* userData);
-  bool CallInternalCallback(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, const std::string& text);
+  bool CallInternalCallback(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, const std::string& text, Json::Value& message);
 
   // What runs on behalf of this proxy does so with a pass of its gate.
   const std::shared_ptr<CNiraIpcCallbackGate>& Gate() const { return m_Gate; }

@@ -34,9 +34,9 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   bool SetConnect(int port, const char* app_id) override;
   void SetDisconnect() override;
   bool IsConnected() override;
-  bool SendMessage(const char* requestType, Json::Value& request, std::string& reply) override;
+  bool SendMessage(const char* requestType, const std::string& request, std::string& reply) override;
   void SendMessageAsync(CRequestAsyncData* data) override;
-  bool SendRequest(const char* requestType, Json::Value& request, Json::Value& reply) override;
+  bool SendRequest(const char* requestType, const std::string& request, Json::Value& reply) override;
   void TearDown() override;
 
  private:
@@ -103,20 +103,22 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   void OnError();
   void OnMessage(std::string&& text);
   void m_OnMessage(std::string&& text);
-  void m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, std::string text);
+  void m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, std::string text, Json::Value message);
 
   bool IsRun();
   void SetIsConnected(bool connected);
-  bool m_SetMessageQueue(Link& link, const std::string& message);
+  bool m_SetMessageQueue(Link& link, std::string&& message);
   std::string m_GetMessageQueue(bool& isOverflowed);
   std::string m_ConvertJsonValueToString(const Json::Value& value);
 
-  bool m_SendMessage(const char* requestType, Json::Value& request, Json::Value& reply);
+  bool m_SendMessage(const char* requestType, const std::string& request, Json::Value& reply);
   static void m_SendMessageAsync(CRequestAsyncData* data, CNiraIpcProxyWebsocket* transport);
+  static std::string m_MakeEnvelope(const char* requestType, const std::string& request, int key, uint32_t now,
+                                    const std::string& caller);
   LinkPtr m_MaySend(std::string& caller);
   int m_CreateKey(uint32_t now, const MessageWaitItems::Completion& completion);
-  bool m_QueueRequest(const char* requestType, Json::Value& request, const MessageWaitItems::Completion& completion,
-                      int& key, LinkPtr& link);
+  bool m_QueueRequest(const char* requestType, const std::string& request,
+                      const MessageWaitItems::Completion& completion, int& key, LinkPtr& link);
   bool m_AwaitReply(Link& link, int key);
   void m_SetLed(Link& link);
   void m_OnAsyncReply(const std::shared_ptr<CRequestAsyncData>& record, const Json::Value& reply);

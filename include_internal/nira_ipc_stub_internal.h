@@ -41,9 +41,8 @@ class CNiraIpcStub {
   void SendReplyJson(const char* appId, const Json::Value& json);
 
   bool CallUserCallback(NIRA_IPC_STUB_CALLBACK_TYPE type, const char* first, const char* second);
-  bool CallBundleCallback(const Json::Value& bundle, const std::string& caller);
-  bool CallMethodCallback(const std::string& method, const Json::Value& params, void* result,
-                          const std::string& caller);
+  bool CallBundleCallback(Json::Value bundle, const std::string& caller);
+  bool CallMethodCallback(const std::string& method, Json::Value params, void* result, const std::string& caller);
 
   // Checks a registration and, if it passes, binds the application id to the connection. Throws for a caller "unknown",
   // whose request ends without a reply.
@@ -61,11 +60,11 @@ class CNiraIpcStub {
                   const Json::Value& request, int uniqueKey);
   void m_RefuseText();
   void m_RefuseWithoutKey(const std::string& caller, const std::string& requestType);
-  Json::Value m_ProcessRequest(const std::string& requestType, const Json::Value& request, const std::string& caller,
+  Json::Value m_ProcessRequest(const std::string& requestType, Json::Value& request, const std::string& caller,
                                int uniqueKey);
   Json::Value m_ProcessMessage(const Json::Value& request, const std::string& caller, int uniqueKey);
-  Json::Value m_ProcessBundle(const Json::Value& request, const std::string& caller, int uniqueKey);
-  Json::Value m_ProcessMethod(const std::string& requestType, const Json::Value& request, const std::string& caller,
+  Json::Value m_ProcessBundle(Json::Value& request, const std::string& caller, int uniqueKey);
+  Json::Value m_ProcessMethod(const std::string& requestType, Json::Value& request, const std::string& caller,
                               int uniqueKey);
 
   Json::Value m_MakeMethodFailReturnJson(const char* code, const char* message, int uniqueKey,

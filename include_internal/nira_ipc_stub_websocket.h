@@ -116,8 +116,8 @@ class CNiraIpcStubWebsocket : public INiraIpcStub {
   void m_ProcessMessage(const std::string& text, const ConnectionPtr& connection);
   void t_ThreadMessage(const std::string& text, void* handle);
 
-  int m_SendMessage(void* handle, const std::string& text);
-  int m_WebSocketWriteBack(void* handle, const char* text, int length);
+  int m_SendMessage(void* handle, std::string&& text);
+  int m_WebSocketWriteBack(void* handle, std::string&& text);
   void m_NeedsService(const ConnectionPtr& connection);
   void m_TakeFromBacklog(const ConnectionPtr& connection, size_t bytes);
 

@@ -189,6 +189,14 @@ Json::Value CNiraIpcBundle::GetJson() const {
   return json;
 }
 
+std::string CNiraIpcBundle::GetJsonText() const {
+  std::string text = "{\"bundle\":";
+  NiraIpcAppendJson(text, m_Content);
+  text += '}';
+  NIRA_IPC_LOG_DEBUG(TAG, "return = %s\n", text.c_str());
+  return text;
+}
+
 Json::Value& CNiraIpcBundle::m_ContentAsObject() {
   if (!m_Content.isObject()) m_Content = Json::Value(Json::objectValue);
   return m_Content;

@@ -9,6 +9,16 @@ void CNiraIpcFunc::SetMethodName(const char* name) {
   m_MethodName = name;
 }
 
+std::string CNiraIpcFunc::GetJsonText() const {
+  std::string text = "{\"method\":";
+  NiraIpcAppendJson(text, std::string_view(m_MethodName));
+  text += ",\"params\":";
+  NiraIpcAppendJson(text, m_Content);
+  text += '}';
+  NIRA_IPC_LOG_DEBUG(NIRA_IPC_TAG, "return = %s\n", text.c_str());
+  return text;
+}
+
 Json::Value CNiraIpcFunc::GetJson() const {
   Json::Value json(Json::objectValue);
   json["method"] = m_MethodName;

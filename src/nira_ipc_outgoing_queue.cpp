@@ -6,12 +6,16 @@
 
 const size_t CNiraIpcOutgoingQueue::kHeadRoom = LWS_PRE;
 
-bool CNiraIpcOutgoingQueue::Push(const char* text, size_t length) {
+std::string CNiraIpcOutgoingQueue::Begin(size_t length) {
+  std::string text;
+  text.reserve(kHeadRoom + length);
+  return text.append(kHeadRoom, '\0');
+}
+
+bool CNiraIpcOutgoingQueue::Push(std::string&& text) {
+  const size_t length = text.size() - kHeadRoom;
   if (length > kNiraIpcMaxOutgoingQueue - m_Bytes) return false;
-  std::string padded;
-  padded.reserve(kHeadRoom + length);
-  padded.append(kHeadRoom, '\0').append(text, length);
-  m_Texts.push_back(std::move(padded));
+  m_Texts.push_back(std::move(text));
   m_Bytes += length;
   return true;
 }

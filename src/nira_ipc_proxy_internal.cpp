@@ -83,17 +83,16 @@ void CNiraIpcProxy::UnregisterBundleHandler(nira_ipc_proxy_bundle_handler handle
 bool CNiraIpcProxy::CallFunction(const CNiraIpcFunc* func, Json::Value& reply) {
   CNiraIpcCallbackGate::Pass pass(m_pImpl->Gate());
   if (!pass) return false;
-  Json::Value request = func->GetJson();
-  return m_pImpl->SendRequest("method", request, reply);
+  return m_pImpl->SendRequest("method", func->GetJsonText(), reply);
 }
 
 void CNiraIpcProxy::CallFunctionAsync(const CNiraIpcFunc* func, nira_ipc_proxy_callback callback, void* userData) {
   CNiraIpcCallbackGate::Pass pass(m_pImpl->Gate());
   if (!pass) return;
-  m_pImpl->SendMessageAsync(new CRequestAsyncData{"method", func->GetJson(), callback, userData});
+  m_pImpl->SendMessageAsync(new CRequestAsyncData{"method", func->GetJsonText(), callback, userData});
 }
 
-bool CNiraIpcProxy::m_Send(const char* requestType, Json::Value request, std::string& reply) {
+bool CNiraIpcProxy::m_Send(const char* requestType, const std::string& request, std::string& reply) {
   CNiraIpcCallbackGate::Pass pass(m_pImpl->Gate());
   return pass && m_pImpl->SendMessage(requestType, request, reply);
 }
@@ -103,10 +102,11 @@ void CNiraIpcProxy::SendMessage(const char* text) {
     NIRA_IPC_LOG_ERROR(TAG, "parameta is NULL");
     return;
   }
-  Json::Value request(Json::objectValue);
-  request["message"] = text;
+  std::string request = "{\"message\":";
+  NiraIpcAppendJson(request, std::string_view(text));
+  request += '}';
   std::string reply;
-  if (!m_Send("message", std::move(request), reply)) NIRA_IPC_LOG_ERROR(TAG, "SendMessage fail : %s", reply.c_str());
+  if (!m_Send("message", request, reply)) NIRA_IPC_LOG_ERROR(TAG, "SendMessage fail : %s", reply.c_str());
 }
 
 void CNiraIpcProxy::SendBundle(const CNiraIpcBundle* bundle) {
@@ -115,7 +115,7 @@ void CNiraIpcProxy::SendBundle(const CNiraIpcBundle* bundle) {
     return;
   }
   std::string reply;
-  if (!m_Send("bundle", bundle->GetJson(), reply)) NIRA_IPC_LOG_ERROR(TAG, "SendBundle fail : %s", reply.c_str());
+  if (!m_Send("bundle", bundle->GetJsonText(), reply)) NIRA_IPC_LOG_ERROR(TAG, "SendBundle fail : %s", reply.c_str());
 }
 
 bool CNiraIpcProxy::CallUserCallback(NIRA_IPC_PROXY_CALLBACK_TYPE type, const std::string& text) {
@@ -126,14 +126,14 @@ bool CNiraIpcProxy::CallUserCallback(NIRA_IPC_PROXY_CALLBACK_TYPE type, const st
   return false;
 }
 
-bool CNiraIpcProxy::CallBundleCallback(const Json::Value& bundle) {
+bool CNiraIpcProxy::CallBundleCallback(Json::Value bundle) {
   NIRA_IPC_LOG_INFO(TAG, "bundle call: cb(%p) data(%p)", m_BundleHandler.Address(), static_cast<const void*>(&bundle));
   if (m_BundleHandler.IsEmpty()) {
     NIRA_IPC_LOG_ERROR(TAG, "Callback not registered");
     return false;
   }
   CNiraIpcBundle received;
-  received.SetJsonParam(bundle);
+  received.SetJsonParam(std::move(bundle));
   return m_BundleHandler.Call(static_cast<void*>(&received));
 }
 
@@ -141,29 +141,24 @@ void CNiraIpcProxy::m_CallEventCallback(NIRA_IPC_PROXY_CALLBACK_TYPE type, const
   if (!m_UserCallbacks[type].Call(text)) NIRA_IPC_LOG_ERROR(TAG, "type(%d) callback not registered", type);
 }
 
-void CNiraIpcProxy::t_NiraIpcProxyCallbackOnOpen(const char* text, void* proxy) {
+void CNiraIpcProxy::t_NiraIpcProxyCallbackOnOpen(const char* text, Json::Value&, void* proxy) {
   NIRA_IPC_LOG_INFO(TAG, "t_NiraIpcProxyCallbackOnOpen");
   static_cast<CNiraIpcProxy*>(proxy)->m_CallEventCallback(NIRA_IPC_PROXY_CALLBACK_OPEN, text);
 }
 
-void CNiraIpcProxy::t_NiraIpcProxyCallbackOnClose(const char* text, void* proxy) {
+void CNiraIpcProxy::t_NiraIpcProxyCallbackOnClose(const char* text, Json::Value&, void* proxy) {
   NIRA_IPC_LOG_INFO(TAG, "t_NiraIpcProxyCallbackOnClose");
   static_cast<CNiraIpcProxy*>(proxy)->m_CallEventCallback(NIRA_IPC_PROXY_CALLBACK_CLOSE, text);
 }
 
-void CNiraIpcProxy::t_NiraIpcProxyCallbackOnMessage(const char* text, void* proxy) {
+void CNiraIpcProxy::t_NiraIpcProxyCallbackOnMessage(const char* text, Json::Value& message, void* proxy) {
   NIRA_IPC_LOG_INFO(TAG, "t_NiraIpcProxyCallbackOnMessage");
   NIRA_IPC_LOG_INFO(TAG, "%s", text);
   auto* self = static_cast<CNiraIpcProxy*>(proxy);
-  Json::Value root;
-  if (!NiraIpcParseJson(text, root)) {
-    NIRA_IPC_LOG_ERROR(TAG, "Failed to parse json\n");
-    return;
-  }
-  const Json::Value* request = NiraIpcFindMember(root, "request");
-  if (request == nullptr) return;
-  if (NiraIpcMemberAsString(root, "request_type", "message") == "bundle") {
-    if (const Json::Value* bundle = NiraIpcFindMember(*request, "bundle")) self->CallBundleCallback(*bundle);
+  if (NiraIpcFindMember(message, "request") == nullptr) return;
+  Json::Value* request = &message["request"];
+  if (NiraIpcMemberAsString(message, "request_type", "message") == "bundle") {
+    if (NiraIpcFindMember(*request, "bundle") != nullptr) self->CallBundleCallback(std::move((*request)["bundle"]));
   } else if (NiraIpcFindMember(*request, "message") != nullptr) {
     self->CallUserCallback(NIRA_IPC_PROXY_CALLBACK_MESSAGE,
                            NiraIpcMemberAsString(*request, "message", "message not found"));
@@ -180,8 +175,10 @@ bool CNiraIpcProxy::m_RegisterAppID(const std::string& app_id) {
   request["niraIpcClient"] = kNiraIpcClientName;
   request["authKey"] = CNiraIpcUtil::GenerateToken(kNiraIpcClientName, timestamp);
   request["timestamp"] = timestamp;
+  std::string text;
+  NiraIpcAppendJson(text, request);
   Json::Value reply;
-  const bool answered = m_pImpl->SendRequest("register", request, reply);
+  const bool answered = m_pImpl->SendRequest("register", text, reply);
   // An answer of any kind is not enough: a refusal, a time-out and a disconnection are answers, too.
   const bool accepted =
       answered && NiraIpcFindMember(reply, "result") != nullptr && NiraIpcFindMember(reply, "error") == nullptr;

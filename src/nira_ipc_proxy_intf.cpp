@@ -23,7 +23,8 @@ void INiraIpcProxy::RegisterInternalCallback(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TY
                     reinterpret_cast<void*>(callback));
 }
 
-bool INiraIpcProxy::CallInternalCallback(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, const std::string& text) {
+bool INiraIpcProxy::CallInternalCallback(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, const std::string& text,
+                                         Json::Value& message) {
   const InternalSlot& slot = m_InternalCallbacks[type];
   NIRA_IPC_LOG_INFO(TAG, "internal callback call: type(%d) response(%s), cb(%p)", type, text.c_str(),
                     reinterpret_cast<void*>(slot.callback));
@@ -31,6 +32,6 @@ bool INiraIpcProxy::CallInternalCallback(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE t
     NIRA_IPC_LOG_ERROR(TAG, "type(%d) callback not registered", type);
     return false;
   }
-  slot.callback(text.c_str(), slot.userData);
+  slot.callback(text.c_str(), message, slot.userData);
   return true;
 }

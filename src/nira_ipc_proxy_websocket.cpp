@@ -415,12 +415,12 @@ void CNiraIpcProxyWebsocket::m_WriteMessageToLWS(Link& link) {
 
 void CNiraIpcProxyWebsocket::OnOpen() {
   NIRA_IPC_LOG_ERROR(TAG, "[websocket] open succeed.");
-  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_OPEN, "open");
+  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_OPEN, "open", {});
 }
 
 void CNiraIpcProxyWebsocket::OnClose() {
   NIRA_IPC_LOG_ERROR(TAG, "[websocket] onClose");
-  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_CLOSE, "close");
+  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_CLOSE, "close", {});
   m_CloseConnection();
 }
 
@@ -437,7 +437,7 @@ void CNiraIpcProxyWebsocket::m_CloseConnection() {
 
 void CNiraIpcProxyWebsocket::OnError() {
   NIRA_IPC_LOG_ERROR(TAG, "[websocket] onError");
-  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_ERROR, "error");
+  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_ERROR, "error", {});
 }
 
 void CNiraIpcProxyWebsocket::OnMessage(std::string&& text) {
@@ -468,24 +468,24 @@ void CNiraIpcProxyWebsocket::m_OnMessage(std::string&& text) {
     if (m_WaitItems.SetJsonResponse(key, std::move(root))) return;
   }
   NIRA_IPC_LOG_INFO(TAG, "Unknown message");
-  m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_MESSAGE, std::move(text));
+  m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_MESSAGE, std::move(text), std::move(root));
 }
 
-void CNiraIpcProxyWebsocket::m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, std::string text) {
-  m_ThreadPool.enqueue([this, gate = Gate(), type, text = std::move(text)] {
+void CNiraIpcProxyWebsocket::m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, std::string text, Json::Value message) {
+  m_ThreadPool.Post([this, gate = Gate(), type, text = std::move(text), message = std::move(message)]() mutable {
     CNiraIpcCallbackGate::Pass pass(gate);
     if (!pass) return;
-    NiraIpcGuarded(TAG, "callback", [this, type, &text] { CallInternalCallback(type, text); });
+    NiraIpcGuarded(TAG, "callback", [&] { CallInternalCallback(type, text, message); });
   });
 }
 
 // Appends a message, and sees that it is written. False when the connection cannot take it.
-bool CNiraIpcProxyWebsocket::m_SetMessageQueue(Link& link, const std::string& message) {
+bool CNiraIpcProxyWebsocket::m_SetMessageQueue(Link& link, std::string&& message) {
   {
     std::lock_guard<std::mutex> lock(m_Mutex);
     if (!m_bConnected || m_bClosedByServer || m_bOverflowed) return false;
-    NIRA_IPC_LOG_INFO(TAG, "m_SetMessageQueue (%s)", message.c_str());
-    if (!m_MessageQueue.Push(message.data(), message.size())) {
+    NIRA_IPC_LOG_INFO(TAG, "m_SetMessageQueue (%s)", message.c_str() + CNiraIpcOutgoingQueue::kHeadRoom);
+    if (!m_MessageQueue.Push(std::move(message))) {
       NIRA_IPC_LOG_ERROR(TAG, "the server has left %zu bytes unread. disconnect", m_MessageQueue.Bytes());
       m_bOverflowed = true;
       m_MessageQueue.Clear();
@@ -512,18 +512,18 @@ std::string CNiraIpcProxyWebsocket::m_ConvertJsonValueToString(const Json::Value
   return NiraIpcWriteJson(value);
 }
 
-bool CNiraIpcProxyWebsocket::SendMessage(const char* requestType, Json::Value& request, std::string& reply) {
+bool CNiraIpcProxyWebsocket::SendMessage(const char* requestType, const std::string& request, std::string& reply) {
   Json::Value json;
   if (!m_SendMessage(requestType, request, json)) return false;
   reply = m_ConvertJsonValueToString(json);
   return true;
 }
 
-bool CNiraIpcProxyWebsocket::SendRequest(const char* requestType, Json::Value& request, Json::Value& reply) {
+bool CNiraIpcProxyWebsocket::SendRequest(const char* requestType, const std::string& request, Json::Value& reply) {
   return m_SendMessage(requestType, request, reply);
 }
 
-bool CNiraIpcProxyWebsocket::m_SendMessage(const char* requestType, Json::Value& request, Json::Value& reply) {
+bool CNiraIpcProxyWebsocket::m_SendMessage(const char* requestType, const std::string& request, Json::Value& reply) {
   int key = 0;
   LinkPtr link;
   if (!m_QueueRequest(requestType, request, nullptr, key, link)) return false;
@@ -588,9 +588,26 @@ CNiraIpcProxyWebsocket::LinkPtr CNiraIpcProxyWebsocket::m_MaySend(std::string& c
   return m_Link;
 }
 
+// The message, with its members in the order of their names, as a JSON writer would put them.
+std::string CNiraIpcProxyWebsocket::m_MakeEnvelope(const char* requestType, const std::string& request, int key,
+                                                   uint32_t now, const std::string& caller) {
+  constexpr size_t kMembersBytes = 128;
+  std::string text = CNiraIpcOutgoingQueue::Begin(request.size() + caller.size() + kMembersBytes);
+  text += "{\"caller\":";
+  NiraIpcAppendJson(text, std::string_view(caller));
+  text.append(",\"request\":").append(request);
+  text += ",\"request_type\":";
+  NiraIpcAppendJson(text, std::string_view(requestType));
+  text += ",\"timestamp\":";
+  NiraIpcAppendJson(text, int64_t{now});
+  text += ",\"uniqueKey\":";
+  NiraIpcAppendJson(text, int64_t{key});
+  return text += "}\n";
+}
+
 // Builds the envelope, enters the request into the table and queues it. False when it was refused: then nothing waits,
 // and the completion does not run.
-bool CNiraIpcProxyWebsocket::m_QueueRequest(const char* requestType, Json::Value& request,
+bool CNiraIpcProxyWebsocket::m_QueueRequest(const char* requestType, const std::string& request,
                                             const MessageWaitItems::Completion& completion, int& key, LinkPtr& link) {
   NIRA_IPC_LOG_INFO(TAG, "m_SendMessage\n");
   std::string caller;
@@ -598,19 +615,13 @@ bool CNiraIpcProxyWebsocket::m_QueueRequest(const char* requestType, Json::Value
   if (link == nullptr) return false;
   const uint32_t now = CNiraIpcUtil::GetTimeInMs();
   key = m_CreateKey(now, completion);
-  Json::Value envelope(Json::objectValue);
-  envelope["request_type"] = requestType;
-  envelope["request"].swap(request);
-  envelope["uniqueKey"] = key;
-  envelope["timestamp"] = now;
-  envelope["caller"] = caller;
-  const std::string text = m_ConvertJsonValueToString(envelope);
-  NIRA_IPC_LOG_INFO(TAG, "Json = %s\n", text.c_str());
+  std::string text = m_MakeEnvelope(requestType, request, key, now, caller);
+  NIRA_IPC_LOG_INFO(TAG, "Json = %s\n", text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom);
   // Before it is sent, or the reply may come before its caller is there and wake the service thread.
   const bool leads = !completion && m_WaitItems.TryLead(key);
   if (leads) m_SetLed(*link);
   if (completion && !m_bTimerSet.exchange(true)) link->loop->Wake();
-  if (m_SetMessageQueue(*link, text)) return true;
+  if (m_SetMessageQueue(*link, std::move(text))) return true;
   if (leads) m_EndLead(*link, key);
   // The connection ended meanwhile. If that has answered the request already, it was not refused.
   return !m_WaitItems.RemoveKey(key);
@@ -648,7 +659,7 @@ void CNiraIpcProxyWebsocket::m_Complete(const std::shared_ptr<CRequestAsyncData>
   }
   Gate()->Hold();
   try {
-    m_ThreadPool.enqueue([gate = Gate(), completions = m_Completions] { t_RunCompletion(gate, *completions); });
+    m_ThreadPool.Post([gate = Gate(), completions = m_Completions] { t_RunCompletion(gate, *completions); });
   } catch (const std::exception& exception) {  // the process exits, or has no memory: the callback cannot run
     NIRA_IPC_LOG_ERROR(TAG, "callback of an asynchronous call lost: %s", exception.what());
     std::lock_guard<std::mutex> lock(m_Completions->lock);

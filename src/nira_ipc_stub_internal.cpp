@@ -10,7 +10,7 @@
 #include "nira_ipc_bundle_internal.h"
 #include "nira_ipc_func.h"
 #include "nira_ipc_func_internal.h"
-#include "nira_ipc_func_result.h"
+#include "nira_ipc_func_result_internal.h"
 #include "nira_ipc_json.h"
 #include "nira_ipc_log.h"
 #include "nira_ipc_util.h"
@@ -27,6 +27,13 @@ constexpr const char* kNoRegisterKey = "not found";
 const Json::Value& Member(const Json::Value& value, const char* key) {
   const Json::Value* member = NiraIpcFindMember(value, key);
   return member != nullptr ? *member : Json::Value::nullSingleton();
+}
+
+// Moves it out of the value: what is handed on need not be copied.
+Json::Value TakeMember(Json::Value& value, const char* key) {
+  Json::Value taken;
+  if (NiraIpcFindMember(value, key) != nullptr) taken.swap(value[key]);
+  return taken;
 }
 
 // A version number: what is there but no integer counts as one that is too high.
@@ -153,17 +160,17 @@ bool CNiraIpcStub::CallUserCallback(NIRA_IPC_STUB_CALLBACK_TYPE type, const char
   return false;
 }
 
-bool CNiraIpcStub::CallBundleCallback(const Json::Value& bundle, const std::string& caller) {
+bool CNiraIpcStub::CallBundleCallback(Json::Value bundle, const std::string& caller) {
   if (m_BundleHandler.IsEmpty()) {
     NIRA_IPC_LOG_ERROR(TAG, "Callback not registered");
     return false;
   }
   CNiraIpcBundle received;
-  received.SetJsonParam(bundle);
+  received.SetJsonParam(std::move(bundle));
   return m_BundleHandler.Call(static_cast<void*>(&received), caller.c_str());
 }
 
-bool CNiraIpcStub::CallMethodCallback(const std::string& method, const Json::Value& params, void* result,
+bool CNiraIpcStub::CallMethodCallback(const std::string& method, Json::Value params, void* result,
                                       const std::string& caller) {
   if (m_MethodHandler.IsEmpty()) {
     NIRA_IPC_LOG_ERROR(TAG, "Callback not registered");
@@ -171,7 +178,7 @@ bool CNiraIpcStub::CallMethodCallback(const std::string& method, const Json::Val
   }
   CNiraIpcFunc func;
   func.SetMethodName(method.c_str());
-  func.SetJsonParam(params);
+  func.SetJsonParam(std::move(params));
   return m_MethodHandler.Call(static_cast<void*>(&func), caller.c_str(), result);
 }
 
@@ -207,11 +214,12 @@ void CNiraIpcStub::t_NiraIpcStubCallbackOnMessage(const char* text, void* handle
     self->m_RefuseWithoutKey(caller, requestType);
     return;
   }
-  const Json::Value& request = Member(root, "request");
+  const int uniqueKey = key.asInt();
+  Json::Value request = TakeMember(root, "request");
   if (requestType == "register") {
-    self->m_Register(caller, handle, requestType, request, key.asInt());
+    self->m_Register(caller, handle, requestType, request, uniqueKey);
   } else {
-    self->SendReplyJson(caller.c_str(), self->m_ProcessRequest(requestType, request, caller, key.asInt()));
+    self->SendReplyJson(caller.c_str(), self->m_ProcessRequest(requestType, request, caller, uniqueKey));
   }
 }
 
@@ -243,7 +251,7 @@ void CNiraIpcStub::m_RefuseWithoutKey(const std::string& caller, const std::stri
   SendMessage(caller.c_str(), reply.c_str());
 }
 
-Json::Value CNiraIpcStub::m_ProcessRequest(const std::string& requestType, const Json::Value& request,
+Json::Value CNiraIpcStub::m_ProcessRequest(const std::string& requestType, Json::Value& request,
                                            const std::string& caller, int uniqueKey) {
   if (requestType == "message") return m_ProcessMessage(request, caller, uniqueKey);
   if (requestType == "bundle") return m_ProcessBundle(request, caller, uniqueKey);
@@ -258,14 +266,14 @@ Json::Value CNiraIpcStub::m_ProcessMessage(const Json::Value& request, const std
   return m_MakeMessageReturnJson(present ? "success" : "fail", uniqueKey);
 }
 
-Json::Value CNiraIpcStub::m_ProcessBundle(const Json::Value& request, const std::string& caller, int uniqueKey) {
+Json::Value CNiraIpcStub::m_ProcessBundle(Json::Value& request, const std::string& caller, int uniqueKey) {
   const bool present = NiraIpcFindMember(request, "bundle") != nullptr;
   if (!present) NIRA_IPC_LOG_ERROR(TAG, "There is no bundle key in json");
-  CallBundleCallback(Member(request, "bundle"), caller);
+  CallBundleCallback(TakeMember(request, "bundle"), caller);
   return m_MakeMessageReturnJson(present ? "success" : "fail", uniqueKey);
 }
 
-Json::Value CNiraIpcStub::m_ProcessMethod(const std::string& requestType, const Json::Value& request,
+Json::Value CNiraIpcStub::m_ProcessMethod(const std::string& requestType, Json::Value& request,
                                           const std::string& caller, int uniqueKey) {
   if (NiraIpcFindMember(request, "method") == nullptr) {
     NIRA_IPC_LOG_ERROR(TAG, "There is no method key in json");
@@ -273,10 +281,10 @@ Json::Value CNiraIpcStub::m_ProcessMethod(const std::string& requestType, const 
   }
   const std::string method = NiraIpcMemberAsString(request, "method", "undefined");
   NIRA_IPC_LOG_INFO(TAG, "method %s detected", method.c_str());
-  const std::unique_ptr<void, void (*)(void*)> result(nira_ipc_func_result_new(), nira_ipc_func_result_free);
-  CallMethodCallback(method, Member(request, "params"), result.get(), caller);
+  CNiraIpcFuncResult result;
+  CallMethodCallback(method, TakeMember(request, "params"), &result, caller);
   Json::Value reply(Json::objectValue);
-  reply["result"] = nira_ipc_func_result_get_json(result.get());
+  reply["result"] = result.TakeJson();
   return m_MakeMethodSuccessReturnJson(std::move(reply), uniqueKey, requestType);
 }
 

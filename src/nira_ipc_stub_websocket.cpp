@@ -47,6 +47,8 @@ constexpr uint64_t kListener = 1;
 constexpr uint64_t kInterrupt = 2;
 constexpr uint64_t kHandshake = 3;
 
+constexpr size_t kUsualTextBytes = 256;  // what is made room for; a longer text makes its own
+
 // How often libwebsockets may look at its clock while it has something to time: a handshake, the end of a connection.
 constexpr std::chrono::seconds kLookInterval{1};
 
@@ -522,36 +524,42 @@ void CNiraIpcStubWebsocket::m_TakeFromBacklog(const ConnectionPtr& connection, s
 }
 
 void CNiraIpcStubWebsocket::SendJson(void* handle, const Json::Value& json) {
-  const std::string text = NiraIpcWriteJson(json);
-  NIRA_IPC_LOG_INFO(TAG, "Json = %s\n", text.c_str());
-  m_SendMessage(handle, text);
+  std::string text = CNiraIpcOutgoingQueue::Begin(kUsualTextBytes);
+  NiraIpcAppendJson(text, json);
+  text += '\n';
+  NIRA_IPC_LOG_INFO(TAG, "Json = %s\n", text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom);
+  m_SendMessage(handle, std::move(text));
 }
 
 void CNiraIpcStubWebsocket::SendJsonWithHeader(void* handle, const char* header, const Json::Value& json) {
-  Json::Value push(Json::objectValue);
-  push["request_type"] = header;
-  push["request"] = json;
-  push["timestamp"] = CNiraIpcUtil::GetTimeInMs();
-  m_SendMessage(handle, NiraIpcWriteJson(push));
+  std::string text = CNiraIpcOutgoingQueue::Begin(kUsualTextBytes);
+  text += "{\"request\":";
+  NiraIpcAppendJson(text, json);
+  text += ",\"request_type\":";
+  NiraIpcAppendJson(text, std::string_view(header));
+  text += ",\"timestamp\":";
+  NiraIpcAppendJson(text, int64_t{CNiraIpcUtil::GetTimeInMs()});
+  text += "}\n";
+  m_SendMessage(handle, std::move(text));
 }
 
-int CNiraIpcStubWebsocket::m_SendMessage(void* handle, const std::string& text) {
-  return m_WebSocketWriteBack(handle, text.c_str(), static_cast<int>(text.size()));
+int CNiraIpcStubWebsocket::m_SendMessage(void* handle, std::string&& text) {
+  return m_WebSocketWriteBack(handle, std::move(text));
 }
 
 // Queues the text and sees that it is written. Gives the length, or -1.
-int CNiraIpcStubWebsocket::m_WebSocketWriteBack(void* handle, const char* text, int length) {
-  if (handle == nullptr || text == nullptr) {
+int CNiraIpcStubWebsocket::m_WebSocketWriteBack(void* handle, std::string&& text) {
+  if (handle == nullptr) {
     NIRA_IPC_LOG_ERROR(TAG, "handler is null");
     return -1;
   }
-  const size_t size = length < 1 ? std::strlen(text) : static_cast<size_t>(length);
+  const size_t size = text.size() - CNiraIpcOutgoingQueue::kHeadRoom;
   {
     std::lock_guard<std::mutex> lock(m_Lock);
     const auto found = m_Connections.find(handle);
     if (found == m_Connections.end() || found->second->overflowed) return -1;
     const ConnectionPtr& connection = found->second;
-    if (!connection->outgoing.Push(text, size)) {
+    if (!connection->outgoing.Push(std::move(text))) {
       NIRA_IPC_LOG_ERROR(TAG, "client(%p) has left %zu bytes unread. disconnect", handle, connection->outgoing.Bytes());
       connection->overflowed = true;
       connection->outgoing.Clear();

@@ -115,7 +115,7 @@ TEST_F(Calls, TheWatchDisconnectsWhoHasNotRegisteredAndNobodyElse) {
   server.Start(port);
   const std::unique_ptr<INiraIpcProxy> client(NiraIpcProxy::GetNiraIpcProxyImpl());
   client->RegisterInternalCallback(
-      NIRA_IPC_PROXY_INTERNAL_CALLBACK_MESSAGE, [](const char*, void*) { messages.Add(); }, nullptr);
+      NIRA_IPC_PROXY_INTERNAL_CALLBACK_MESSAGE, [](const char*, Json::Value&, void*) { messages.Add(); }, nullptr);
   ASSERT_TRUE(client->SetConnect(port, "app"));
   ASSERT_TRUE(opened.Await(1));
   server.SendJson(handle, Json::Value(Json::objectValue));  // queued for one that has not registered
