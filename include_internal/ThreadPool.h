@@ -4,8 +4,9 @@
 //
 // Any thread may enqueue and watch. One lock guards the tasks, the watched descriptors and the stop flag; it is never
 // held while a task or a watcher runs. Workers sleep in a poller until there is something to do: an idle pool wakes for
-// nothing. One worker at a time is being woken for tasks, and wakes the next if it finds more than one: a burst of
-// short tasks then costs one wake-up, and tasks that block still spread over all workers.
+// nothing. Tasks wake as many workers as there are processors, one after the other; more would only take turns. If then
+// no task is begun for a millisecond, because those that run wait for something, one more is woken, and so on: tasks
+// that block spread over all workers.
 //
 // The workers start with the pool's first use, not with the pool. The library's pools are made while it is loaded, and
 // a service that becomes a daemon forks soon after: a thread that is just starting then may hold a lock of the
@@ -15,7 +16,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <future>
@@ -52,6 +55,13 @@ class ThreadPool {
   ThreadPool(const ThreadPool&) = delete;
   ThreadPool& operator=(const ThreadPool&) = delete;
 
+  // How many workers tasks wake at once, and after which time without progress one more.
+  static int Processors() {
+    static const int processors = static_cast<int>(std::max(std::thread::hardware_concurrency(), 1U));
+    return processors;
+  }
+  static constexpr std::chrono::milliseconds kStall{1};
+
   // Queues a call and returns the future of its result. Throws std::runtime_error once the pool was stopped.
   template <class F, class... Args>
   auto enqueue(F&& f, Args&&... args) -> std::future<std::invoke_result_t<std::decay_t<F>, std::decay_t<Args>...>> {
@@ -73,15 +83,15 @@ class ThreadPool {
   void Post(F&& call) {
     if (m_Process == 0) StartWorkers();
     Task task = std::make_unique<Call<std::decay_t<F>>>(std::forward<F>(call));
-    bool wake = false;
+    State::Help help;
     {
       std::lock_guard<std::mutex> lock(m_State->lock);
       if (m_State->stop) throw std::runtime_error("enqueue on stopped ThreadPool");
       m_State->tasks.push_back(std::move(task));
       m_State->LogQueue(m_State->tasks.size());
-      wake = m_State->MustWake();
+      help = m_State->FindHelp();
     }
-    if (wake) m_State->poller.Wake();
+    m_State->CallHelp(help);
   }
 
   // For a worker, inside a watcher: runs a call as if it had been enqueued and had come up at once.
@@ -199,14 +209,35 @@ class ThreadPool {
     std::unordered_map<uint64_t, std::shared_ptr<Watcher>> watchers;  // by id
     uint64_t lastId = 0;
     int sleeping = 0;
-    bool waking = false;  // a worker has been woken for tasks and has not looked yet
+    bool waking = false;        // a worker has been woken for tasks and has not looked yet
+    bool timing = false;        // the timer runs
+    unsigned begun = 0;         // tasks, ever
+    unsigned begunAtTimer = 0;  // when it was set
     bool stop = false;
     std::atomic<int> busy{0};  // only for the log
 
     explicit State(int threads) : count(threads) {}
 
-    // With the lock: whether the caller has to wake a worker, after releasing it.
-    bool MustWake() { return sleeping > 0 && !tasks.empty() && !std::exchange(waking, true); }
+    // With the lock: what the tasks need that nobody has begun. To be called when it is released.
+    enum class Help { kNone, kWorker, kTimer };
+    Help FindHelp() {
+      if (tasks.empty() || sleeping == 0) return Help::kNone;
+      if (count - sleeping < Processors()) return std::exchange(waking, true) ? Help::kNone : Help::kWorker;
+      if (std::exchange(timing, true)) return Help::kNone;
+      begunAtTimer = begun;
+      return Help::kTimer;
+    }
+
+    // With the lock, when the timer has run: whether no task was begun meanwhile.
+    bool IsStalled() {
+      timing = false;
+      return !tasks.empty() && begun == begunAtTimer;
+    }
+
+    void CallHelp(Help help) {
+      if (help == Help::kWorker) poller.Wake();
+      if (help == Help::kTimer) poller.WakeAfter(kStall);
+    }
 
     void LogQueue(size_t size) const {
       NIRA_IPC_LOG_INFO(NIRA_IPC_TAG, "%d threads are idle (of %d threads), %d remaining task(s)", count - busy.load(),
@@ -233,20 +264,21 @@ class ThreadPool {
   // and nothing is left.
   static bool WorkOnce(State& state) {
     Task task;
-    bool wake = false;
+    State::Help help = State::Help::kNone;
     {
       std::lock_guard<std::mutex> lock(state.lock);
       if (!state.tasks.empty()) {
         task = std::move(state.tasks.front());
         state.tasks.pop_front();
-        wake = state.MustWake();
+        ++state.begun;
+        help = state.FindHelp();
       } else if (state.stop) {
         return false;
       } else {
         ++state.sleeping;
       }
     }
-    if (wake) state.poller.Wake();
+    state.CallHelp(help);
     if (task != nullptr) {
       Run(state, *task);
     } else if (const auto [watcher, events] = Sleep(state); watcher != nullptr) {
@@ -256,15 +288,20 @@ class ThreadPool {
   }
 
   static std::pair<std::shared_ptr<Watcher>, uint32_t> Sleep(State& state) {
-    const CNiraIpcPoller::Ready ready = state.poller.Wait();
-    std::lock_guard<std::mutex> lock(state.lock);
-    --state.sleeping;
-    if (ready.id == CNiraIpcPoller::kWoken) {
-      state.waking = false;
-      return {nullptr, 0};
+    for (;;) {
+      const CNiraIpcPoller::Ready ready = state.poller.Wait();
+      std::unique_lock<std::mutex> lock(state.lock);
+      if (ready.id == CNiraIpcPoller::kTimer && !state.IsStalled()) {
+        const State::Help help = state.FindHelp();
+        lock.unlock();
+        state.CallHelp(help);
+        continue;
+      }
+      --state.sleeping;
+      if (ready.id == CNiraIpcPoller::kWoken) state.waking = false;
+      const auto found = state.watchers.find(ready.id);
+      return {found != state.watchers.end() ? found->second : nullptr, ready.events};
     }
-    const auto found = state.watchers.find(ready.id);
-    return {found != state.watchers.end() ? found->second : nullptr, ready.events};
   }
 
   template <class F>

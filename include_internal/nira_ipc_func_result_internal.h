@@ -20,8 +20,8 @@ class CNiraIpcFuncResult : public CNiraIpcBundle {
   // A copy of the content.
   Json::Value GetJson() const;
 
-  // The content itself, which is then empty.
-  Json::Value TakeJson() { return std::move(m_Content); }
+  // Appends the content's text.
+  void AppendJson(std::string& to) const;
 };
 
 #endif  // NIRA_IPC_FUNC_RESULT_INTERNAL_H

@@ -21,6 +21,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "nira_ipc_callback_gate.h"
@@ -55,6 +56,19 @@ class CNiraIpcLoop : public std::enable_shared_from_this<CNiraIpcLoop> {
     m_Demanded = true;
     m_Settle();
   }
+
+  // The same for a thread that does not mind if the service thread writes it a moment later, together with what others
+  // have queued: if that is awake, it does so before it sleeps again.
+  void DemandSoon() {
+    m_Demanded = true;
+    if (!m_Awake) m_Settle();
+  }
+
+  // Service thread: sleeps in the poller.
+  CNiraIpcPoller::Ready Wait(std::optional<CNiraIpcPoller::Clock::time_point> deadline);
+
+  // Service thread: writes what others have left to it. To be called now and then while it is awake.
+  void Settle() { m_Settle(); }
 
   // With the turn: lets libwebsockets handle what the poller has found about one descriptor.
   void ServiceDescriptor(int descriptor, uint32_t events);
@@ -93,6 +107,7 @@ class CNiraIpcLoop : public std::enable_shared_from_this<CNiraIpcLoop> {
   const std::function<void()> m_OnDemand;
   std::atomic<bool> m_Stopping{false};
   std::atomic<bool> m_Demanded{false};
+  std::atomic<bool> m_Awake{false};  // the service thread will look at m_Demanded before it sleeps
   std::atomic<std::thread::id> m_ServiceThreadId{};
   std::shared_ptr<CNiraIpcCallbackGate> m_Gate;  // constant once the thread has started
   CNiraIpcPoller m_Poller;

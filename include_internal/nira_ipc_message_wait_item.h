@@ -84,6 +84,9 @@ class MessageWaitItems {
   // False when the key is not in the table (any more).
   bool RemoveKey(int key);
 
+  // Both at once: false when it was not answered.
+  bool TakeResponse(int key, Json::Value& response);
+
   // Answers every request that still waits, in ascending order of keys, because the connection is gone.
   void ArrangeAllWaitItem();
 

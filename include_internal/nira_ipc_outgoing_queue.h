@@ -23,13 +23,27 @@ class CNiraIpcOutgoingQueue {
   // The oldest text, with kHeadRoom bytes before it; empty when there is none.
   std::string Pop();
 
-  bool IsEmpty() const { return m_Texts.empty(); }
+  size_t Count() const { return m_Texts.size(); }
   size_t Bytes() const { return m_Bytes; }
   void Clear();
 
  private:
   std::deque<std::string> m_Texts;
   size_t m_Bytes = 0;
+};
+
+// While one lives, what is written to a TCP socket is held back until a packet is full: several texts then cost one
+// packet, and wake the peer once.
+class CNiraIpcCork {
+ public:
+  // Does so only if `isNeeded`.
+  CNiraIpcCork(int descriptor, bool isNeeded);
+  ~CNiraIpcCork();
+  CNiraIpcCork(const CNiraIpcCork&) = delete;
+  CNiraIpcCork& operator=(const CNiraIpcCork&) = delete;
+
+ private:
+  const int m_Descriptor;  // -1: not needed
 };
 
 // Writes a text of CNiraIpcOutgoingQueue::Pop as one message. Service thread only; returns lws_write's result.

@@ -17,13 +17,14 @@ class CNiraIpcPoller {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // What Wait found: the id under which the descriptor was added, or one of the two below.
+  // What Wait found: the id under which the descriptor was added, or one of those below.
   struct Ready {
     uint64_t id;
     uint32_t events;  // EPOLLIN and the like
   };
   static constexpr uint64_t kWoken = UINT64_MAX;
   static constexpr uint64_t kTimedOut = UINT64_MAX - 1;
+  static constexpr uint64_t kTimer = UINT64_MAX - 2;
 
   // Throws std::system_error when the process has no descriptors left.
   CNiraIpcPoller();
@@ -41,9 +42,13 @@ class CNiraIpcPoller {
   // Wakes one thread that sleeps, or the next one that is about to.
   void Wake();
 
+  // Does so, once, after that time: Wait then gives kTimer.
+  void WakeAfter(std::chrono::nanoseconds time);
+
  private:
   const CNiraIpcDescriptor m_Epoll;
   const CNiraIpcDescriptor m_WakeEvent;
+  const CNiraIpcDescriptor m_Timer;
 };
 
 #endif  // NIRA_IPC_POLLER_H

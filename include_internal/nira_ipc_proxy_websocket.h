@@ -107,7 +107,8 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
 
   bool IsRun();
   void SetIsConnected(bool connected);
-  bool m_SetMessageQueue(Link& link, std::string&& message);
+  bool m_SetMessageQueue(Link& link, std::string&& message, bool mayWait);
+  size_t m_CountQueued();
   std::string m_GetMessageQueue(bool& isOverflowed);
   std::string m_ConvertJsonValueToString(const Json::Value& value);
 
@@ -119,7 +120,7 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   int m_CreateKey(uint32_t now, const MessageWaitItems::Completion& completion);
   bool m_QueueRequest(const char* requestType, const std::string& request,
                       const MessageWaitItems::Completion& completion, int& key, LinkPtr& link);
-  bool m_AwaitReply(Link& link, int key);
+  void m_AwaitReply(Link& link, int key);
   void m_SetLed(Link& link);
   void m_OnAsyncReply(const std::shared_ptr<CRequestAsyncData>& record, const Json::Value& reply);
   void m_Complete(const std::shared_ptr<CRequestAsyncData>& record, std::string reply);

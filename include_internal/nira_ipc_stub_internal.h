@@ -64,8 +64,7 @@ class CNiraIpcStub {
                                int uniqueKey);
   Json::Value m_ProcessMessage(const Json::Value& request, const std::string& caller, int uniqueKey);
   Json::Value m_ProcessBundle(Json::Value& request, const std::string& caller, int uniqueKey);
-  Json::Value m_ProcessMethod(const std::string& requestType, Json::Value& request, const std::string& caller,
-                              int uniqueKey);
+  void m_AnswerMethod(const std::string& requestType, Json::Value& request, const std::string& caller, int uniqueKey);
 
   Json::Value m_MakeMethodFailReturnJson(const char* code, const char* message, int uniqueKey,
                                          const std::string& requestType);

@@ -39,6 +39,9 @@ class INiraIpcStub {
   virtual void SendJson(void* handle, const Json::Value& json) = 0;
   virtual void SendJsonWithHeader(void* handle, const char* header, const Json::Value& json) = 0;
 
+  // Sends a JSON text that was begun with CNiraIpcOutgoingQueue::Begin.
+  virtual void SendText(void* handle, std::string&& text) = 0;
+
   INiraIpcStub(const INiraIpcStub&) = delete;
   INiraIpcStub& operator=(const INiraIpcStub&) = delete;
 

@@ -38,6 +38,7 @@ class CNiraIpcStubWebsocket : public INiraIpcStub {
 
   void SendJson(void* handle, const Json::Value& json) override;
   void SendJsonWithHeader(void* handle, const char* header, const Json::Value& json) override;
+  void SendText(void* handle, std::string&& text) override;
 
   // The registration watch: notices that a connection has not registered, and has it disconnected. Nothing starts it by
   // itself. m_RunIntervalThread blocks for so many milliseconds and then checks; for a thread of the caller's.

@@ -17,6 +17,10 @@ bool CNiraIpcFuncResult::GetResult() const {
   return result != nullptr && result->isConvertibleTo(Json::booleanValue) && result->asBool();
 }
 
+void CNiraIpcFuncResult::AppendJson(std::string& to) const {
+  NiraIpcAppendJson(to, m_Content);
+}
+
 Json::Value CNiraIpcFuncResult::GetJson() const {
   return m_Content;
 }

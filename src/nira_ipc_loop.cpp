@@ -125,6 +125,14 @@ void CNiraIpcLoop::m_Settle() {
   }
 }
 
+CNiraIpcPoller::Ready CNiraIpcLoop::Wait(std::optional<CNiraIpcPoller::Clock::time_point> deadline) {
+  m_Awake = false;
+  m_Settle();
+  const CNiraIpcPoller::Ready ready = m_Poller.Wait(deadline);
+  m_Awake = true;
+  return ready;
+}
+
 void CNiraIpcLoop::ServiceDescriptor(int descriptor, uint32_t events) {
   static_assert(EPOLLIN == POLLIN && EPOLLOUT == POLLOUT && EPOLLHUP == POLLHUP, "one set of flags for both");
   if ((events & EPOLLERR) != 0) events |= EPOLLIN;  // reading tells which error

@@ -150,6 +150,16 @@ bool MessageWaitItems::RemoveKey(int key) {
   return item != nullptr;
 }
 
+bool MessageWaitItems::TakeResponse(int key, Json::Value& response) {
+  std::unique_lock<std::mutex> lock(m_TableLock);
+  const ItemPtr item = m_Find(key);
+  if (item == nullptr) return false;
+  m_Remove(key, *item);
+  lock.unlock();  // nobody else has it now but one who answered it
+  if (item->m_Answered) response = std::move(item->m_Response);
+  return item->m_Answered;
+}
+
 void MessageWaitItems::m_Remove(int key, WaitItem& item) {
   if (item.m_Completion) m_Completions.erase(item.m_Place);
   m_Items.erase(key);

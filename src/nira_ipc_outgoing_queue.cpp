@@ -1,6 +1,9 @@
 #include "nira_ipc_outgoing_queue.h"
 
 #include <libwebsockets.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include "nira_ipc_limits.h"
 
@@ -31,6 +34,16 @@ std::string CNiraIpcOutgoingQueue::Pop() {
 void CNiraIpcOutgoingQueue::Clear() {
   m_Texts.clear();
   m_Bytes = 0;
+}
+
+CNiraIpcCork::CNiraIpcCork(int descriptor, bool isNeeded) : m_Descriptor(isNeeded ? descriptor : -1) {
+  const int on = 1;
+  if (isNeeded) setsockopt(m_Descriptor, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
+}
+
+CNiraIpcCork::~CNiraIpcCork() {
+  const int off = 0;
+  if (m_Descriptor >= 0) setsockopt(m_Descriptor, IPPROTO_TCP, TCP_CORK, &off, sizeof off);
 }
 
 int NiraIpcWriteText(lws* wsi, std::string& text) {

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,9 +26,12 @@ int MillisecondsUntil(std::optional<CNiraIpcPoller::Clock::time_point> deadline)
 }  // namespace
 
 CNiraIpcPoller::CNiraIpcPoller()
-    : m_Epoll(Checked(epoll_create1(EPOLL_CLOEXEC))), m_WakeEvent(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
-  // Edge-triggered: each write wakes a sleeper, and nobody has to read the count.
-  if (!Add(m_WakeEvent.Get(), kWoken, EPOLLIN | EPOLLET)) Checked(-1);
+    : m_Epoll(Checked(epoll_create1(EPOLL_CLOEXEC))),
+      m_WakeEvent(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
+      m_Timer(Checked(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK))) {
+  // Edge-triggered: each event wakes a sleeper, and nobody has to read a count.
+  const bool added = Add(m_WakeEvent.Get(), kWoken, EPOLLIN | EPOLLET) && Add(m_Timer.Get(), kTimer, EPOLLIN | EPOLLET);
+  if (!added) Checked(-1);
 }
 
 bool CNiraIpcPoller::Add(int descriptor, uint64_t id, uint32_t events) {
@@ -61,4 +65,11 @@ void CNiraIpcPoller::Wake() {
   const uint64_t one = 1;
   while (write(m_WakeEvent.Get(), &one, sizeof one) < 0 && errno == EINTR) {
   }
+}
+
+void CNiraIpcPoller::WakeAfter(std::chrono::nanoseconds time) {
+  itimerspec setting = {};
+  setting.it_value.tv_sec = static_cast<time_t>(time.count() / std::nano::den);
+  setting.it_value.tv_nsec = static_cast<long>(time.count() % std::nano::den);
+  timerfd_settime(m_Timer.Get(), 0, &setting, nullptr);
 }

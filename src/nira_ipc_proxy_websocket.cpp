@@ -34,6 +34,8 @@ constexpr unsigned kWorkers = 10;
 constexpr size_t kReceiveBufferBytes = 100000;
 constexpr unsigned kDescriptors = 8;  // one connection, the wake-up, and some to spare
 
+constexpr size_t kMessagesBetweenWrites = 8;  // while many are read at once
+
 constexpr uint64_t kConnection = 1;  // what the service thread's poller reports
 
 // What the server sees in the handshake. The address itself is a number: a resolver could block for seconds.
@@ -212,7 +214,7 @@ void CNiraIpcProxyWebsocket::m_ServeUntilStopped(Link& link) {
     m_bTimerSet = false;  // before the look: a call that comes after it wakes this thread
     const auto nextTimeout = m_WaitItems.NextTimeout();
     if (nextTimeout) m_bTimerSet = true;
-    const CNiraIpcPoller::Ready ready = link.loop->Poller().Wait(nextTimeout);
+    const CNiraIpcPoller::Ready ready = link.loop->Wait(nextTimeout);
     if (ready.id == CNiraIpcPoller::kTimedOut) m_WaitItems.AnswerTimedOut(MessageWaitItems::Clock::now());
     if (ready.id != kConnection) continue;
     m_Read(link, ready.events);
@@ -335,7 +337,8 @@ int CNiraIpcProxyWebsocket::m_OnReceive(Link& link, const char* in, size_t len) 
                        kNiraIpcMaxIncomingMessage);
     return -1;
   }
-  link.received.append(in, strnlen(in, len));  // JSON holds no NUL: a piece with one ends there
+  if (link.received.empty()) link.received.reserve(len + remaining);  // else it would grow, and be copied, many times
+  link.received.append(in, strnlen(in, len));                         // JSON holds no NUL: a piece with one ends there
   if (remaining != 0 || lws_is_final_fragment(link.wsi) == 0) return 0;
   link.messages.push_back(std::exchange(link.received, {}));
   return 0;
@@ -362,7 +365,11 @@ void CNiraIpcProxyWebsocket::m_Read(Link& link, uint32_t events) {
     messages.swap(link.messages);
     isClosed = std::exchange(link.mustTellOfEnd, false);
   });
-  for (std::string& message : messages) NiraIpcGuarded(TAG, "message", [&] { OnMessage(std::move(message)); });
+  size_t handled = 0;
+  for (std::string& message : messages) {
+    NiraIpcGuarded(TAG, "message", [&] { OnMessage(std::move(message)); });
+    if (++handled % kMessagesBetweenWrites == 0) link.loop->Settle();
+  }
   if (isClosed) NiraIpcGuarded(TAG, "close", [this] { OnClose(); });
 }
 
@@ -396,6 +403,7 @@ void CNiraIpcProxyWebsocket::m_OnWritable() {
 // With the turn: writes one message after the other until none is left or the socket takes no more.
 void CNiraIpcProxyWebsocket::m_WriteMessageToLWS(Link& link) {
   bool isOverflowed = false;
+  const CNiraIpcCork cork(link.descriptor, link.descriptor >= 0 && m_CountQueued() > 1);
   while (link.descriptor >= 0 && lws_partial_buffered(link.wsi) == 0) {
     std::string text = m_GetMessageQueue(isOverflowed);
     if (text.empty()) break;
@@ -462,11 +470,11 @@ void CNiraIpcProxyWebsocket::m_OnMessage(std::string&& text) {
   const bool hasKey = member != nullptr && member->isInt();
   const int key = hasKey ? member->asInt() : 0;
   NIRA_IPC_LOG_INFO(TAG, "Finding uniqueKey in response from server %d", key);
-  if (hasKey && m_WaitItems.IsKeyCreated(key)) {
+  if (hasKey && NiraIpcLogWanted(NIRA_PLATFORM_LOG_INFO) && m_WaitItems.IsKeyCreated(key)) {
     NIRA_IPC_LOG_INFO(TAG, "response of %d, Time elapsed : %u ms", key,
                       CNiraIpcUtil::GetTimeInMs() - m_WaitItems.GetStartTick(key));
-    if (m_WaitItems.SetJsonResponse(key, std::move(root))) return;
   }
+  if (hasKey && m_WaitItems.SetJsonResponse(key, std::move(root))) return;
   NIRA_IPC_LOG_INFO(TAG, "Unknown message");
   m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_MESSAGE, std::move(text), std::move(root));
 }
@@ -480,7 +488,7 @@ void CNiraIpcProxyWebsocket::m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, 
 }
 
 // Appends a message, and sees that it is written. False when the connection cannot take it.
-bool CNiraIpcProxyWebsocket::m_SetMessageQueue(Link& link, std::string&& message) {
+bool CNiraIpcProxyWebsocket::m_SetMessageQueue(Link& link, std::string&& message, bool mayWait) {
   {
     std::lock_guard<std::mutex> lock(m_Mutex);
     if (!m_bConnected || m_bClosedByServer || m_bOverflowed) return false;
@@ -492,8 +500,17 @@ bool CNiraIpcProxyWebsocket::m_SetMessageQueue(Link& link, std::string&& message
     }
   }
   NIRA_IPC_LOG_INFO(TAG, "Send lws_callback_on_writable");
-  link.loop->Demand();
+  if (mayWait) {
+    link.loop->DemandSoon();
+  } else {
+    link.loop->Demand();
+  }
   return true;
+}
+
+size_t CNiraIpcProxyWebsocket::m_CountQueued() {
+  std::lock_guard<std::mutex> lock(m_Mutex);
+  return m_MessageQueue.Count();
 }
 
 std::string CNiraIpcProxyWebsocket::m_GetMessageQueue(bool& isOverflowed) {
@@ -527,8 +544,8 @@ bool CNiraIpcProxyWebsocket::m_SendMessage(const char* requestType, const std::s
   int key = 0;
   LinkPtr link;
   if (!m_QueueRequest(requestType, request, nullptr, key, link)) return false;
-  if (m_AwaitReply(*link, key)) {
-    reply = m_WaitItems.GetJsonResponse(key);
+  m_AwaitReply(*link, key);
+  if (m_WaitItems.TakeResponse(key, reply)) {
     NIRA_IPC_LOG_INFO(TAG, "GET CONDITION");
     NIRA_IPC_LOG_INFO(TAG, "response = %s", NiraIpcStyledJson(reply).c_str());
   } else {
@@ -536,15 +553,14 @@ bool CNiraIpcProxyWebsocket::m_SendMessage(const char* requestType, const std::s
     reply = MessageWaitItems::MakeFailReply("Timeout", key);
   }
   NIRA_IPC_LOG_INFO(TAG, "Got reply : %s", m_ConvertJsonValueToString(reply).c_str());
-  m_WaitItems.RemoveKey(key);
   return true;
 }
 
-bool CNiraIpcProxyWebsocket::m_AwaitReply(Link& link, int key) {
+void CNiraIpcProxyWebsocket::m_AwaitReply(Link& link, int key) {
   for (;;) {
     bool mustLead = false;
-    const bool answered = m_WaitItems.WaitForResponse(key, &mustLead);
-    if (!mustLead) return answered;
+    m_WaitItems.WaitForResponse(key, &mustLead);
+    if (!mustLead) return;
     m_SetLed(link);
     m_Lead(link, key);
   }
@@ -567,7 +583,7 @@ int CNiraIpcProxyWebsocket::m_CreateKey(uint32_t now, const MessageWaitItems::Co
       key = rand_r(&m_nSeed);
     }
     if (key == 0 || !m_WaitItems.CreateKey(key, deadline, completion)) continue;
-    m_WaitItems.SetStartTick(key, now);
+    if (NiraIpcLogWanted(NIRA_PLATFORM_LOG_INFO)) m_WaitItems.SetStartTick(key, now);
     NIRA_IPC_LOG_INFO(TAG, "Add uniqueKey %d to wait items", key);
     return key;
   }
@@ -621,7 +637,7 @@ bool CNiraIpcProxyWebsocket::m_QueueRequest(const char* requestType, const std::
   const bool leads = !completion && m_WaitItems.TryLead(key);
   if (leads) m_SetLed(*link);
   if (completion && !m_bTimerSet.exchange(true)) link->loop->Wake();
-  if (m_SetMessageQueue(*link, std::move(text))) return true;
+  if (m_SetMessageQueue(*link, std::move(text), completion != nullptr)) return true;
   if (leads) m_EndLead(*link, key);
   // The connection ended meanwhile. If that has answered the request already, it was not refused.
   return !m_WaitItems.RemoveKey(key);

@@ -13,6 +13,7 @@
 #include "nira_ipc_func_result_internal.h"
 #include "nira_ipc_json.h"
 #include "nira_ipc_log.h"
+#include "nira_ipc_outgoing_queue.h"
 #include "nira_ipc_util.h"
 #include "nira_ipc_version.h"
 
@@ -218,8 +219,10 @@ void CNiraIpcStub::t_NiraIpcStubCallbackOnMessage(const char* text, void* handle
   Json::Value request = TakeMember(root, "request");
   if (requestType == "register") {
     self->m_Register(caller, handle, requestType, request, uniqueKey);
-  } else {
+  } else if (requestType == "message" || requestType == "bundle" || NiraIpcFindMember(request, "method") == nullptr) {
     self->SendReplyJson(caller.c_str(), self->m_ProcessRequest(requestType, request, caller, uniqueKey));
+  } else {
+    self->m_AnswerMethod(requestType, request, caller, uniqueKey);
   }
 }
 
@@ -255,7 +258,8 @@ Json::Value CNiraIpcStub::m_ProcessRequest(const std::string& requestType, Json:
                                            const std::string& caller, int uniqueKey) {
   if (requestType == "message") return m_ProcessMessage(request, caller, uniqueKey);
   if (requestType == "bundle") return m_ProcessBundle(request, caller, uniqueKey);
-  return m_ProcessMethod(requestType, request, caller, uniqueKey);
+  NIRA_IPC_LOG_ERROR(TAG, "There is no method key in json");
+  return m_MakeMethodFailReturnJson("-32601", "There's no \"method\" key in json\n", uniqueKey, requestType);
 }
 
 Json::Value CNiraIpcStub::m_ProcessMessage(const Json::Value& request, const std::string& caller, int uniqueKey) {
@@ -273,19 +277,27 @@ Json::Value CNiraIpcStub::m_ProcessBundle(Json::Value& request, const std::strin
   return m_MakeMessageReturnJson(present ? "success" : "fail", uniqueKey);
 }
 
-Json::Value CNiraIpcStub::m_ProcessMethod(const std::string& requestType, Json::Value& request,
-                                          const std::string& caller, int uniqueKey) {
-  if (NiraIpcFindMember(request, "method") == nullptr) {
-    NIRA_IPC_LOG_ERROR(TAG, "There is no method key in json");
-    return m_MakeMethodFailReturnJson("-32601", "There's no \"method\" key in json\n", uniqueKey, requestType);
-  }
+// The reply is written as it goes out: its result need not become part of another value first.
+void CNiraIpcStub::m_AnswerMethod(const std::string& requestType, Json::Value& request, const std::string& caller,
+                                  int uniqueKey) {
   const std::string method = NiraIpcMemberAsString(request, "method", "undefined");
   NIRA_IPC_LOG_INFO(TAG, "method %s detected", method.c_str());
   CNiraIpcFuncResult result;
   CallMethodCallback(method, TakeMember(request, "params"), &result, caller);
-  Json::Value reply(Json::objectValue);
-  reply["result"] = result.TakeJson();
-  return m_MakeMethodSuccessReturnJson(std::move(reply), uniqueKey, requestType);
+  constexpr size_t kUsualBytes = 256;
+  std::string text = CNiraIpcOutgoingQueue::Begin(kUsualBytes);
+  text += "{\"request_type\":";
+  NiraIpcAppendJson(text, std::string_view(requestType));
+  text += ",\"result\":";
+  result.AppendJson(text);
+  text += ",\"timestamp\":";
+  NiraIpcAppendJson(text, int64_t{CNiraIpcUtil::GetTimeInMs()});
+  text += ",\"uniqueKey\":";
+  NiraIpcAppendJson(text, int64_t{uniqueKey});
+  text += "}\n";
+  NIRA_IPC_LOG_INFO(TAG, "Try to send json to (%s)", caller.c_str());
+  void* handle = m_FindClient(caller.c_str());
+  if (handle != nullptr) m_pImpl->SendText(handle, std::move(text));
 }
 
 Json::Value CNiraIpcStub::m_MakeMethodFailReturnJson(const char* code, const char* message, int uniqueKey,

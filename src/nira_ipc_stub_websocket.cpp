@@ -358,6 +358,7 @@ int CNiraIpcStubWebsocket::m_OnReceive(const ConnectionPtr& connection, const ch
                        kNiraIpcMaxIncomingMessage);
     return m_Ending(*connection);
   }
+  if (received.empty()) received.reserve(length + remaining);  // else it would grow, and be copied, many times
   received.append(data, length);
   if (remaining != 0 || lws_is_final_fragment(connection->wsi) == 0) return 0;
   // Requests wait in memory for a worker. A client that sends faster than they are processed is not read from until
@@ -527,6 +528,10 @@ void CNiraIpcStubWebsocket::SendJson(void* handle, const Json::Value& json) {
   std::string text = CNiraIpcOutgoingQueue::Begin(kUsualTextBytes);
   NiraIpcAppendJson(text, json);
   text += '\n';
+  SendText(handle, std::move(text));
+}
+
+void CNiraIpcStubWebsocket::SendText(void* handle, std::string&& text) {
   NIRA_IPC_LOG_INFO(TAG, "Json = %s\n", text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom);
   m_SendMessage(handle, std::move(text));
 }
