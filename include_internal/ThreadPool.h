@@ -4,9 +4,16 @@
 //
 // Any thread may enqueue and watch. One lock guards the tasks, the watched descriptors and the stop flag; it is never
 // held while a task or a watcher runs. Workers sleep in a poller until there is something to do: an idle pool wakes for
-// nothing. Tasks wake as many workers as there are processors, one after the other; more would only take turns. If then
-// no task is begun for a millisecond, because those that run wait for something, one more is woken, and so on: tasks
-// that block spread over all workers.
+// nothing.
+//
+// Most tasks are shorter than it takes to wake a thread for them. So one worker runs a few that are queued, one after
+// the other; a longer queue wakes as many workers as there are processors, more would only take turns. If then no task
+// is begun for a millisecond, because those that run are long or wait for something, one more is woken, and so on:
+// tasks that block spread over all workers.
+//
+// A descriptor that becomes ready in several steps wakes several of those that sleep in the poller, in the kernel, and
+// so changes their order. Therefore only a few sleep there, the others in reserve: those few keep their caches warm,
+// and the allocator, which keeps freed memory for each thread, need not do so for all.
 //
 // The workers start with the pool's first use, not with the pool. The library's pools are made while it is loaded, and
 // a service that becomes a daemon forks soon after: a thread that is just starting then may hold a lock of the
@@ -19,6 +26,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <future>
@@ -55,11 +63,12 @@ class ThreadPool {
   ThreadPool(const ThreadPool&) = delete;
   ThreadPool& operator=(const ThreadPool&) = delete;
 
-  // How many workers tasks wake at once, and after which time without progress one more.
+  // How many workers tasks wake at once, for how many of them each, and after which time without progress one more.
   static int Processors() {
     static const int processors = static_cast<int>(std::max(std::thread::hardware_concurrency(), 1U));
     return processors;
   }
+  static constexpr int kTasksPerWorker = 8;
   static constexpr std::chrono::milliseconds kStall{1};
 
   // Queues a call and returns the future of its result. Throws std::runtime_error once the pool was stopped.
@@ -147,6 +156,7 @@ class ThreadPool {
     {
       std::lock_guard<std::mutex> lock(m_State->lock);
       m_State->stop = true;
+      m_State->called.notify_all();
     }
     m_State->poller.Wake();  // one worker, which wakes the next
     for (std::thread& worker : m_Workers) {
@@ -208,7 +218,10 @@ class ThreadPool {
     std::deque<Task> tasks;                                           // guarded by lock, as all but busy
     std::unordered_map<uint64_t, std::shared_ptr<Watcher>> watchers;  // by id
     uint64_t lastId = 0;
-    int sleeping = 0;
+    std::condition_variable called;
+    int sleeping = 0;           // in the poller
+    int reserve = 0;            // waiting to be called to it
+    int calls = 0;              // to those
     bool waking = false;        // a worker has been woken for tasks and has not looked yet
     bool timing = false;        // the timer runs
     unsigned begun = 0;         // tasks, ever
@@ -222,7 +235,8 @@ class ThreadPool {
     enum class Help { kNone, kWorker, kTimer };
     Help FindHelp() {
       if (tasks.empty() || sleeping == 0) return Help::kNone;
-      if (count - sleeping < Processors()) return std::exchange(waking, true) ? Help::kNone : Help::kWorker;
+      const int wanted = std::min(Processors(), 1 + static_cast<int>(tasks.size()) / kTasksPerWorker);
+      if (count - sleeping - reserve < wanted) return std::exchange(waking, true) ? Help::kNone : Help::kWorker;
       if (std::exchange(timing, true)) return Help::kNone;
       begunAtTimer = begun;
       return Help::kTimer;
@@ -232,6 +246,23 @@ class ThreadPool {
     bool IsStalled() {
       timing = false;
       return !tasks.empty() && begun == begunAtTimer;
+    }
+
+    // With the lock, when a worker has left the poller: somebody has to be there as long as anybody is idle.
+    void CallReserve() {
+      if (sleeping > 0 || reserve == 0) return;
+      --reserve;
+      ++calls;
+      called.notify_one();
+    }
+
+    // With the lock: until the worker is needed in the poller. False when the pool has stopped.
+    bool WaitInReserve(std::unique_lock<std::mutex>& held) {
+      ++reserve;
+      called.wait(held, [this] { return calls > 0 || stop; });
+      if (calls == 0) return false;
+      --calls;
+      return true;
     }
 
     void CallHelp(Help help) {
@@ -266,7 +297,7 @@ class ThreadPool {
     Task task;
     State::Help help = State::Help::kNone;
     {
-      std::lock_guard<std::mutex> lock(state.lock);
+      std::unique_lock<std::mutex> lock(state.lock);
       if (!state.tasks.empty()) {
         task = std::move(state.tasks.front());
         state.tasks.pop_front();
@@ -274,8 +305,11 @@ class ThreadPool {
         help = state.FindHelp();
       } else if (state.stop) {
         return false;
+      } else if (state.sleeping > Processors() && !state.WaitInReserve(lock)) {
+        return true;
       } else {
         ++state.sleeping;
+        help = state.FindHelp();  // one that was in reserve may leave tasks behind
       }
     }
     state.CallHelp(help);
@@ -298,6 +332,7 @@ class ThreadPool {
         continue;
       }
       --state.sleeping;
+      state.CallReserve();
       if (ready.id == CNiraIpcPoller::kWoken) state.waking = false;
       const auto found = state.watchers.find(ready.id);
       return {found != state.watchers.end() ? found->second : nullptr, ready.events};
