@@ -52,9 +52,9 @@ class CNiraIpcStub {
  private:
   static constexpr unsigned kCallbackTypes = 3;
 
-  static void t_NiraIpcStubCallbackOnOpen(const char* text, void* handle, void* facade);
-  static void t_NiraIpcStubCallbackOnClose(const char* text, void* handle, void* facade);
-  static void t_NiraIpcStubCallbackOnMessage(const char* text, void* handle, void* facade);
+  static void t_NiraIpcStubCallbackOnOpen(std::string&& text, void* handle, void* facade);
+  static void t_NiraIpcStubCallbackOnClose(std::string&& text, void* handle, void* facade);
+  static void t_NiraIpcStubCallbackOnMessage(std::string&& text, void* handle, void* facade);
 
   void m_Register(const std::string& caller, void* connection, const std::string& requestType,
                   const Json::Value& request, int uniqueKey);

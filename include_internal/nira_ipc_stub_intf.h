@@ -30,7 +30,7 @@ enum NIRA_IPC_STUB_INTERNAL_CALLBACK_TYPE {
 // starts and constant from then on.
 class INiraIpcStub {
  public:
-  using InternalCallback = void (*)(const char* text, void* handle, void* userData);
+  using InternalCallback = void (*)(std::string&& text, void* handle, void* userData);
 
   INiraIpcStub();
   virtual ~INiraIpcStub();
@@ -46,7 +46,7 @@ class INiraIpcStub {
   INiraIpcStub& operator=(const INiraIpcStub&) = delete;
 
   void RegisterInternalCallback(NIRA_IPC_STUB_INTERNAL_CALLBACK_TYPE type, InternalCallback callback, void* userData);
-  bool CallInternalCallback(NIRA_IPC_STUB_INTERNAL_CALLBACK_TYPE type, const std::string& text, void* handle);
+  bool CallInternalCallback(NIRA_IPC_STUB_INTERNAL_CALLBACK_TYPE type, std::string&& text, void* handle);
 
   // Binds an application id to a connection that is open; the latest connection of an id wins. False when the
   // connection has closed meanwhile, which leaves the book as it was.

@@ -56,6 +56,8 @@ class CNiraIpcStubWebsocket : public INiraIpcStub {
     lws* wsi;  // null once it has closed
     const int descriptor;
     uint64_t watch = 0;     // among the workers' descriptors, once the application was told that it opened
+    uint32_t armed = 0;     // what they watch for
+    bool isServed = false;  // one of them reads it, and will arm it when it is through
     std::string received;   // the message that is being assembled
     bool isEnding = false;  // libwebsockets is closing it, which may take its time
 
@@ -104,6 +106,8 @@ class CNiraIpcStubWebsocket : public INiraIpcStub {
   int m_CheckUnregistered(const ConnectionPtr& connection);
 
   void m_ReadConnection(const ConnectionPtr& connection, uint32_t events);
+  void m_ServiceConnection(Connection& connection, uint32_t events);
+  bool m_IsMoreThere(const Connection& connection) const;
   void m_Arm(Connection& connection);
   void m_WriteQueued();
   void m_WriteConnection(Connection& connection);
@@ -114,8 +118,8 @@ class CNiraIpcStubWebsocket : public INiraIpcStub {
   void OnOpen(void* handle);
   void OnClose(void* handle);
   void OnMessage(std::string&& text, const ConnectionPtr& connection);
-  void m_ProcessMessage(const std::string& text, const ConnectionPtr& connection);
-  void t_ThreadMessage(const std::string& text, void* handle);
+  void m_ProcessMessage(std::string&& text, const ConnectionPtr& connection);
+  void t_ThreadMessage(std::string&& text, void* handle);
 
   int m_SendMessage(void* handle, std::string&& text);
   int m_WebSocketWriteBack(void* handle, std::string&& text);

@@ -12,6 +12,9 @@ namespace {
 // A text that jsoncpp need not see.
 constexpr size_t kLong = 1024;
 
+// What usually follows the last text of a message.
+constexpr size_t kTail = 256;
+
 // Whether a character stands for itself in a JSON text.
 unsigned IsSpecial(unsigned char c) {
   return (c < 0x20) | (c > 0x7f) | (c == '"') | (c == '\\');
@@ -141,6 +144,7 @@ void NiraIpcAppendJson(std::string& to, int64_t number) {
 // FastWriter copies a text four times on its way; most need no escaping.
 void NiraIpcAppendJson(std::string& to, std::string_view text) {
   if (IsPlain(text)) {
+    if (text.size() >= kLong) to.reserve(to.size() + text.size() + kTail);  // or what follows would double the space
     to += '"';
     to += text;
     to += '"';

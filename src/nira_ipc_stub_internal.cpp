@@ -183,31 +183,32 @@ bool CNiraIpcStub::CallMethodCallback(const std::string& method, Json::Value par
   return m_MethodHandler.Call(static_cast<void*>(&func), caller.c_str(), result);
 }
 
-void CNiraIpcStub::t_NiraIpcStubCallbackOnOpen(const char* text, void*, void* facade) {
+void CNiraIpcStub::t_NiraIpcStubCallbackOnOpen(std::string&& text, void*, void* facade) {
   NIRA_IPC_LOG_INFO(TAG, "t_NiraIpcStubCallbackOnOpen");
   constexpr auto kType = NIRA_IPC_STUB_CALLBACK_OPEN;
-  if (static_cast<CNiraIpcStub*>(facade)->m_UserCallbacks[kType].Call(text, nullptr)) return;
+  if (static_cast<CNiraIpcStub*>(facade)->m_UserCallbacks[kType].Call(text.c_str(), nullptr)) return;
   NIRA_IPC_LOG_ERROR(TAG, "type(%d) callback not registered", kType);
 }
 
-void CNiraIpcStub::t_NiraIpcStubCallbackOnClose(const char* text, void* handle, void* facade) {
+void CNiraIpcStub::t_NiraIpcStubCallbackOnClose(std::string&& text, void* handle, void* facade) {
   NIRA_IPC_LOG_INFO(TAG, "t_NiraIpcStubCallbackOnClose");
   auto* self = static_cast<CNiraIpcStub*>(facade);
   const std::string appId = self->m_pImpl->RemoveClient(handle);
   constexpr auto kType = NIRA_IPC_STUB_CALLBACK_CLOSE;
-  if (self->m_UserCallbacks[kType].Call(text, appId.c_str())) return;
+  if (self->m_UserCallbacks[kType].Call(text.c_str(), appId.c_str())) return;
   NIRA_IPC_LOG_ERROR(TAG, "type(%d) callback not registered", kType);
 }
 
-void CNiraIpcStub::t_NiraIpcStubCallbackOnMessage(const char* text, void* handle, void* facade) {
+void CNiraIpcStub::t_NiraIpcStubCallbackOnMessage(std::string&& text, void* handle, void* facade) {
   NIRA_IPC_LOG_INFO(TAG, "t_NiraIpcStubCallbackOnMessage");
-  NIRA_IPC_LOG_INFO(TAG, "%s", text);
+  NIRA_IPC_LOG_INFO(TAG, "%s", text.c_str());
   auto* self = static_cast<CNiraIpcStub*>(facade);
   Json::Value root;
-  if (!NiraIpcParseJson(text, root)) {
+  if (!NiraIpcParseJson(text.c_str(), root)) {
     self->m_RefuseText();
     return;
   }
+  std::string().swap(text);  // it may be long, and what it said is in `root`
   const std::string requestType = NiraIpcMemberAsString(root, "request_type", "message");
   const std::string caller = NiraIpcMemberAsString(root, "caller", kUnknownCaller);
   const Json::Value& key = Member(root, "uniqueKey");

@@ -21,8 +21,7 @@ void INiraIpcStub::RegisterInternalCallback(NIRA_IPC_STUB_INTERNAL_CALLBACK_TYPE
                     reinterpret_cast<void*>(callback));
 }
 
-bool INiraIpcStub::CallInternalCallback(NIRA_IPC_STUB_INTERNAL_CALLBACK_TYPE type, const std::string& text,
-                                        void* handle) {
+bool INiraIpcStub::CallInternalCallback(NIRA_IPC_STUB_INTERNAL_CALLBACK_TYPE type, std::string&& text, void* handle) {
   const InternalSlot& slot = m_InternalCallbacks[type];
   NIRA_IPC_LOG_INFO(TAG, "internal callback call: type(%d) response(%s), cb(%p)", type, text.c_str(),
                     reinterpret_cast<void*>(slot.callback));
@@ -30,7 +29,7 @@ bool INiraIpcStub::CallInternalCallback(NIRA_IPC_STUB_INTERNAL_CALLBACK_TYPE typ
     NIRA_IPC_LOG_ERROR(TAG, "type(%d) callback not registered", type);
     return false;
   }
-  slot.callback(text.c_str(), handle, slot.userData);
+  slot.callback(std::move(text), handle, slot.userData);
   return true;
 }
 

@@ -1,8 +1,7 @@
 // Server transport. How a message comes and goes:
 //
-//   idle worker, woken by the connection: read with the turn -> dispatcher -> handler -> reply -> the connection's
-//   queue
-//   -> written with the turn, by this worker or by whoever has it
+//   idle worker, woken by the connection: read with the turn -> dispatcher -> handler -> reply
+//   -> the connection's queue -> written with the turn, by this worker or by whoever has it
 //
 // Several messages that came together are left to the pool, but for the first. A socket that takes no more reports to a
 // worker when it does again.
@@ -15,6 +14,7 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -151,6 +151,7 @@ void CNiraIpcStubWebsocket::m_SetWebSocketProtocol(const char* name) {
   m_Protocols[0].name = name;
   m_Protocols[0].callback = t_WebSocketCbFunction;
   m_Protocols[0].per_session_data_size = sizeof(ConnectionPtr*);
+  m_Protocols[0].tx_packet_size = kNiraIpcWriteBytes;
   m_Protocols[0].user = this;
 }
 
@@ -227,11 +228,10 @@ bool CNiraIpcStubWebsocket::m_MustLook() const {
 }
 
 void CNiraIpcStubWebsocket::m_HandleReady(uint64_t id) {
-  if (id == CNiraIpcPoller::kTimedOut && m_bListenerPaused) {
-    m_bListenerPaused = !m_Loop->Poller().Add(m_Listener.Get(), kListener, EPOLLIN);
-  }
+  const bool isTime = id == CNiraIpcPoller::kTimedOut;
+  if (isTime && m_bListenerPaused) m_bListenerPaused = !m_Loop->Poller().Add(m_Listener.Get(), kListener, EPOLLIN);
   if (id == kListener) m_Accept();
-  if (id == kHandshake || id == CNiraIpcPoller::kTimedOut) m_Loop->ServiceAll();
+  if (id == kHandshake || isTime) m_Loop->ServiceAll();
 }
 
 void CNiraIpcStubWebsocket::m_Accept() {
@@ -363,8 +363,8 @@ int CNiraIpcStubWebsocket::m_OnReceive(const ConnectionPtr& connection, const ch
   if (remaining != 0 || lws_is_final_fragment(connection->wsi) == 0) return 0;
   // Requests wait in memory for a worker. A client that sends faster than they are processed is not read from until
   // half of them are done; TCP then holds it back.
-  connection->backlog += received.size() + kNiraIpcRequestOverhead;
-  if (connection->backlog > kNiraIpcMaxRequestBacklog) connection->readingPaused = true;
+  connection->backlog += received.size() + kNiraIpcMessageOverhead;
+  if (connection->backlog > kNiraIpcMaxBacklog) connection->readingPaused = true;
   m_Events.push_back({Event::kMessage, connection, std::exchange(received, {})});
   return 0;
 }
@@ -392,24 +392,45 @@ void CNiraIpcStubWebsocket::Connection::OnReady(uint32_t events) {
   NiraIpcGuarded(TAG, "websocket event", [&] { stub.m_ReadConnection(connection, events); });
 }
 
+// A worker that has read a part of a message reads on while there is more of it.
 void CNiraIpcStubWebsocket::m_ReadConnection(const ConnectionPtr& connection, uint32_t events) {
   Events messages;
-  m_Loop->WithTurn([&] {
-    if (connection->wsi == nullptr) return;
-    m_Loop->ServiceDescriptor(connection->descriptor, connection->overflowed ? EPOLLHUP : events);
-    if ((events & EPOLLOUT) != 0 && connection->wsi != nullptr) m_WriteConnection(*connection);
-    if (connection->wsi != nullptr) m_Arm(*connection);
-    m_TakeMessages(messages);
-  });
+  while (events != 0) {
+    m_Loop->WithTurn([&, ready = std::exchange(events, 0)] {  // which does nothing once the service has ended
+      connection->isServed = true;
+      connection->armed = 0;
+      if (connection->wsi != nullptr) m_ServiceConnection(*connection, ready);
+      if (connection->wsi != nullptr && m_IsMoreThere(*connection)) {
+        events = EPOLLIN;
+        return;
+      }
+      connection->isServed = false;
+      if (connection->wsi != nullptr) m_Arm(*connection);
+      m_TakeMessages(messages);
+    });
+  }
   m_Deliver(messages);
+}
+
+// With the turn.
+void CNiraIpcStubWebsocket::m_ServiceConnection(Connection& connection, uint32_t events) {
+  m_Loop->ServiceDescriptor(connection.descriptor, connection.overflowed ? EPOLLHUP : events);
+  if ((events & EPOLLOUT) != 0 && connection.wsi != nullptr) m_WriteConnection(connection);
+}
+
+// With the turn: whether the next part of a message can be read already, and no whole message waits meanwhile.
+bool CNiraIpcStubWebsocket::m_IsMoreThere(const Connection& connection) const {
+  pollfd polled = {connection.descriptor, POLLIN, 0};
+  return !connection.received.empty() && m_Events.empty() && poll(&polled, 1, 0) > 0;
 }
 
 // With the turn: what the workers are to be told of next.
 void CNiraIpcStubWebsocket::m_Arm(Connection& connection) {
-  if (connection.watch == 0) return;
-  if (connection.readingPaused && connection.backlog <= kNiraIpcMaxRequestBacklog / 2) connection.readingPaused = false;
+  if (connection.watch == 0 || connection.isServed) return;
+  if (connection.readingPaused && connection.backlog <= kNiraIpcMaxBacklog / 2) connection.readingPaused = false;
   uint32_t events = connection.readingPaused ? 0 : kReadable;
   if (lws_partial_buffered(connection.wsi) != 0 || connection.foundUnregistered) events |= EPOLLOUT;
+  if (std::exchange(connection.armed, events) == events) return;
   m_ThreadPool.Arm(connection.descriptor, connection.watch, events);
 }
 
@@ -461,9 +482,9 @@ void CNiraIpcStubWebsocket::m_TakeMessages(Events& messages) {
 void CNiraIpcStubWebsocket::m_Deliver(Events& messages) {
   if (messages.empty()) return;
   for (size_t i = 1; i < messages.size(); ++i) OnMessage(std::move(messages[i].text), messages[i].connection);
-  const Event& first = messages.front();
+  Event& first = messages.front();
   NIRA_IPC_LOG_INFO(TAG, "on_message called with message: %s, %p", first.text.c_str(), first.connection->handle);
-  const auto process = [this, &first] { m_ProcessMessage(first.text, first.connection); };
+  const auto process = [this, &first] { m_ProcessMessage(std::move(first.text), first.connection); };
   m_ThreadPool.RunHere(process);
 }
 
@@ -476,6 +497,7 @@ void CNiraIpcStubWebsocket::m_DeliverHere(Event& event) {
   m_Loop->WithTurn([&] {
     if (connection.wsi == nullptr) return;
     connection.self = event.connection;
+    connection.armed = kReadable;
     connection.watch = m_ThreadPool.Watch(connection.descriptor, event.connection, kReadable);
     if (connection.watch == 0) NIRA_IPC_LOG_ERROR(TAG, "client(%p) cannot be watched", connection.handle);
     m_WriteConnection(connection);  // what could not be written before
@@ -500,25 +522,26 @@ void CNiraIpcStubWebsocket::OnClose(void* handle) {
 
 void CNiraIpcStubWebsocket::OnMessage(std::string&& text, const ConnectionPtr& connection) {
   NIRA_IPC_LOG_INFO(TAG, "on_message called with message: %s, %p", text.c_str(), connection->handle);
-  m_ThreadPool.Post([this, gate = Gate(), connection, text = std::move(text)] {
+  m_ThreadPool.Post([this, gate = Gate(), connection, text = std::move(text)]() mutable {
     CNiraIpcCallbackGate::Pass pass(gate);
-    if (pass) m_ProcessMessage(text, connection);
+    if (pass) m_ProcessMessage(std::move(text), connection);
   });
 }
 
-void CNiraIpcStubWebsocket::m_ProcessMessage(const std::string& text, const ConnectionPtr& connection) {
-  NiraIpcGuarded(TAG, "request", [&] { t_ThreadMessage(text, connection->handle); });
-  m_TakeFromBacklog(connection, text.size() + kNiraIpcRequestOverhead);
+void CNiraIpcStubWebsocket::m_ProcessMessage(std::string&& text, const ConnectionPtr& connection) {
+  const size_t size = text.size() + kNiraIpcMessageOverhead;
+  NiraIpcGuarded(TAG, "request", [&] { t_ThreadMessage(std::move(text), connection->handle); });
+  m_TakeFromBacklog(connection, size);
 }
 
-void CNiraIpcStubWebsocket::t_ThreadMessage(const std::string& text, void* handle) {
+void CNiraIpcStubWebsocket::t_ThreadMessage(std::string&& text, void* handle) {
   NIRA_IPC_LOG_INFO(TAG, "t_ThreadMessage: %s, %p", text.c_str(), handle);
-  CallInternalCallback(NIRA_IPC_STUB_INTERNAL_CALLBACK_MESSAGE, text, handle);
+  CallInternalCallback(NIRA_IPC_STUB_INTERNAL_CALLBACK_MESSAGE, std::move(text), handle);
 }
 
 void CNiraIpcStubWebsocket::m_TakeFromBacklog(const ConnectionPtr& connection, size_t bytes) {
   connection->backlog -= bytes;
-  if (!connection->readingPaused || connection->backlog > kNiraIpcMaxRequestBacklog / 2) return;
+  if (!connection->readingPaused || connection->backlog > kNiraIpcMaxBacklog / 2) return;
   m_Loop->WithTurn([&] {
     if (connection->wsi != nullptr) m_Arm(*connection);
   });

@@ -105,13 +105,13 @@ TEST_F(Calls, TheWatchDisconnectsWhoHasNotRegisteredAndNobodyElse) {
   CNiraIpcStubWebsocket server;
   server.RegisterInternalCallback(
       NIRA_IPC_STUB_INTERNAL_CALLBACK_OPEN,
-      [](const char*, void* connection, void*) {
+      [](std::string&&, void* connection, void*) {
         handle = connection;
         opened.Add();
       },
       nullptr);
   server.RegisterInternalCallback(
-      NIRA_IPC_STUB_INTERNAL_CALLBACK_CLOSE, [](const char*, void*, void*) { closed.Add(); }, nullptr);
+      NIRA_IPC_STUB_INTERNAL_CALLBACK_CLOSE, [](std::string&&, void*, void*) { closed.Add(); }, nullptr);
   server.Start(port);
   const std::unique_ptr<INiraIpcProxy> client(NiraIpcProxy::GetNiraIpcProxyImpl());
   client->RegisterInternalCallback(
