@@ -54,7 +54,7 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   };
 
   // One connection, from the attempt to its end. Its threads share it: one that still waits may see the next begin.
-  struct Link {
+  struct Link : std::enable_shared_from_this<Link> {
     CNiraIpcProxyWebsocket& transport;
     const std::shared_ptr<CNiraIpcLoop> loop;
 
@@ -71,6 +71,9 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
     // The descriptor again, for the threads that wait on it: this one stays theirs when libwebsockets closes its own.
     // Constant once established.
     CNiraIpcDescriptor socket;
+
+    std::atomic<size_t> backlog{0};     // what unasked messages hold until they are processed
+    std::atomic<bool> isPaused{false};  // the service thread does not read, because that was too much
 
     explicit Link(CNiraIpcProxyWebsocket& aTransport);
   };
@@ -90,7 +93,7 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   int m_OnEstablished(Link& link);
   void m_OnLinkClosed(Link& link);
   int m_OnReceive(Link& link, const char* in, size_t len);
-  void m_OnWritable();
+  void m_OnWritable(Link& link);
   void m_WriteMessageToLWS(Link& link);
   void m_Arm(Link& link);
   void m_Read(Link& link, uint32_t events);
@@ -101,9 +104,11 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   void OnOpen();
   void OnClose();
   void OnError();
-  void OnMessage(std::string&& text);
-  void m_OnMessage(std::string&& text);
-  void m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, std::string text, Json::Value message);
+  void OnMessage(Link& link, std::string&& text);
+  void m_OnMessage(Link& link, std::string&& text);
+  void m_PostMessage(Link& link, std::string&& text, Json::Value&& message);
+  void m_TakeFromBacklog(Link& link, size_t bytes);
+  void m_PostEvent(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, const char* text);
 
   bool IsRun();
   void SetIsConnected(bool connected);

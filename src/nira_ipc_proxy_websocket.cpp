@@ -1,8 +1,8 @@
 // Client transport. How a call comes and goes:
 //
 //   caller: key, wait item, text into the queue, written with the turn -> reads the connection until its reply is
-//   there, or sleeps on its item while another caller reads (an asynchronous caller goes its way) reader: assemble with
-//   the turn -> match the key -> wake that caller, or hand the completion to the pool
+//     there, or sleeps on its item while another caller reads (an asynchronous caller goes its way)
+//   reader: assemble with the turn -> match the key -> wake that caller, or hand the completion to the pool
 //
 // Every request is answered exactly once: by its reply, by its time-out (the waiting caller's clock, or for
 // asynchronous calls the service thread's), or by the end of the connection, whichever takes its item from the
@@ -58,6 +58,7 @@ CNiraIpcProxyWebsocket::CNiraIpcProxyWebsocket() : m_nSeed(static_cast<unsigned>
   m_Protocols[0].name = "";  // asks for no sub-protocol; libwebsockets reads the name, so it cannot be null
   m_Protocols[0].callback = t_WebSocketCbFunction;
   m_Protocols[0].rx_buffer_size = kReceiveBufferBytes;
+  m_Protocols[0].tx_packet_size = kNiraIpcWriteBytes;
 }
 
 CNiraIpcProxyWebsocket::~CNiraIpcProxyWebsocket() {
@@ -98,7 +99,7 @@ bool CNiraIpcProxyWebsocket::m_ConnectWebsocket(int port, const char* app_id) {
 }
 
 CNiraIpcProxyWebsocket::Link::Link(CNiraIpcProxyWebsocket& aTransport)
-    : transport(aTransport), loop(std::make_shared<CNiraIpcLoop>([this] { transport.m_WriteMessageToLWS(*this); })) {}
+    : transport(aTransport), loop(std::make_shared<CNiraIpcLoop>([this] { transport.m_OnWritable(*this); })) {}
 
 bool CNiraIpcProxyWebsocket::m_CreateContext(const LinkPtr& link) {
   m_ContextInfo = {};
@@ -344,11 +345,12 @@ int CNiraIpcProxyWebsocket::m_OnReceive(Link& link, const char* in, size_t len) 
   return 0;
 }
 
-// With the turn: what the service thread is to be told of. It reads while no caller does; it always sees that a socket
-// which took no more is written again.
+// With the turn: what the service thread is to be told of. It reads while no caller does, unless too much of what it
+// has read waits to be processed; it always sees that a socket which took no more is written again.
 void CNiraIpcProxyWebsocket::m_Arm(Link& link) {
   if (link.descriptor < 0) return;
-  uint32_t events = link.isLed ? 0 : EPOLLIN | EPOLLRDHUP;
+  link.isPaused = link.backlog > (link.isPaused ? kNiraIpcMaxBacklog / 2 : kNiraIpcMaxBacklog);
+  uint32_t events = link.isLed || link.isPaused ? 0 : EPOLLIN | EPOLLRDHUP;
   if (lws_partial_buffered(link.wsi) != 0) events |= EPOLLOUT;
   if (events == link.armed) return;
   link.armed = events;
@@ -361,13 +363,13 @@ void CNiraIpcProxyWebsocket::m_Read(Link& link, uint32_t events) {
   bool isClosed = false;
   link.loop->WithTurn([&] {
     if (link.descriptor >= 0) link.loop->ServiceDescriptor(link.descriptor, events);
-    if ((events & EPOLLOUT) != 0) m_WriteMessageToLWS(link);
+    if ((events & EPOLLOUT) != 0) m_OnWritable(link);
     messages.swap(link.messages);
     isClosed = std::exchange(link.mustTellOfEnd, false);
   });
   size_t handled = 0;
   for (std::string& message : messages) {
-    NiraIpcGuarded(TAG, "message", [&] { OnMessage(std::move(message)); });
+    NiraIpcGuarded(TAG, "message", [&] { OnMessage(link, std::move(message)); });
     if (++handled % kMessagesBetweenWrites == 0) link.loop->Settle();
   }
   if (isClosed) NiraIpcGuarded(TAG, "close", [this] { OnClose(); });
@@ -396,8 +398,10 @@ void CNiraIpcProxyWebsocket::m_EndLead(Link& link, int key) {
   if (!isDone) m_WaitItems.EndLead(key);  // the connection is gone, and its turns
 }
 
-void CNiraIpcProxyWebsocket::m_OnWritable() {
+void CNiraIpcProxyWebsocket::m_OnWritable(Link& link) {
+  NIRA_IPC_LOG_INFO(TAG, "[LWS_CALLBACK_CLIENT_WRITEABLE] Available to send message to server ");
   NIRA_IPC_LOG_INFO(TAG, "m_OnWritable");
+  m_WriteMessageToLWS(link);
 }
 
 // With the turn: writes one message after the other until none is left or the socket takes no more.
@@ -407,8 +411,6 @@ void CNiraIpcProxyWebsocket::m_WriteMessageToLWS(Link& link) {
   while (link.descriptor >= 0 && lws_partial_buffered(link.wsi) == 0) {
     std::string text = m_GetMessageQueue(isOverflowed);
     if (text.empty()) break;
-    NIRA_IPC_LOG_INFO(TAG, "[LWS_CALLBACK_CLIENT_WRITEABLE] Available to send message to server ");
-    m_OnWritable();
     const char* message = text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom;
     NIRA_IPC_LOG_DEBUG(TAG, "[websocket] send msg = %s", message);
     const int written = NiraIpcWriteText(link.wsi, text);
@@ -423,12 +425,12 @@ void CNiraIpcProxyWebsocket::m_WriteMessageToLWS(Link& link) {
 
 void CNiraIpcProxyWebsocket::OnOpen() {
   NIRA_IPC_LOG_ERROR(TAG, "[websocket] open succeed.");
-  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_OPEN, "open", {});
+  if (IsRun()) m_PostEvent(NIRA_IPC_PROXY_INTERNAL_CALLBACK_OPEN, "open");
 }
 
 void CNiraIpcProxyWebsocket::OnClose() {
   NIRA_IPC_LOG_ERROR(TAG, "[websocket] onClose");
-  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_CLOSE, "close", {});
+  if (IsRun()) m_PostEvent(NIRA_IPC_PROXY_INTERNAL_CALLBACK_CLOSE, "close");
   m_CloseConnection();
 }
 
@@ -445,17 +447,17 @@ void CNiraIpcProxyWebsocket::m_CloseConnection() {
 
 void CNiraIpcProxyWebsocket::OnError() {
   NIRA_IPC_LOG_ERROR(TAG, "[websocket] onError");
-  if (IsRun()) m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_ERROR, "error", {});
+  if (IsRun()) m_PostEvent(NIRA_IPC_PROXY_INTERNAL_CALLBACK_ERROR, "error");
 }
 
-void CNiraIpcProxyWebsocket::OnMessage(std::string&& text) {
+void CNiraIpcProxyWebsocket::OnMessage(Link& link, std::string&& text) {
   NIRA_IPC_LOG_INFO(TAG, "[websocket] onMessage IN");
-  if (IsRun()) m_OnMessage(std::move(text));
+  if (IsRun()) m_OnMessage(link, std::move(text));
 }
 
 // A reply is matched here, by the thread that read it, so that a call made inside a callback is answered while every
 // worker is busy with one.
-void CNiraIpcProxyWebsocket::m_OnMessage(std::string&& text) {
+void CNiraIpcProxyWebsocket::m_OnMessage(Link& link, std::string&& text) {
   NIRA_IPC_LOG_INFO(TAG, "message received: %s\n", text.c_str());
   Json::Value root;
   if (!NiraIpcParseJson(text.c_str(), text.size(), root)) {
@@ -476,14 +478,36 @@ void CNiraIpcProxyWebsocket::m_OnMessage(std::string&& text) {
   }
   if (hasKey && m_WaitItems.SetJsonResponse(key, std::move(root))) return;
   NIRA_IPC_LOG_INFO(TAG, "Unknown message");
-  m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_MESSAGE, std::move(text), std::move(root));
+  m_PostMessage(link, std::move(text), std::move(root));
 }
 
-void CNiraIpcProxyWebsocket::m_Post(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, std::string text, Json::Value message) {
-  m_ThreadPool.Post([this, gate = Gate(), type, text = std::move(text), message = std::move(message)]() mutable {
+void CNiraIpcProxyWebsocket::m_PostMessage(Link& link, std::string&& text, Json::Value&& message) {
+  const size_t bytes = text.size() + kNiraIpcMessageOverhead;
+  if ((link.backlog += bytes) > kNiraIpcMaxBacklogOfCaller) {
+    NIRA_IPC_LOG_ERROR(TAG, "messages of %zu bytes wait to be processed. disconnect", link.backlog.load());
+    shutdown(link.socket.Get(), SHUT_RDWR);  // its reader finds it cut and closes it
+  }
+  m_ThreadPool.Post([this, gate = Gate(), link = link.shared_from_this(), bytes, text = std::move(text),
+                     message = std::move(message)]() mutable {
     CNiraIpcCallbackGate::Pass pass(gate);
     if (!pass) return;
-    NiraIpcGuarded(TAG, "callback", [&] { CallInternalCallback(type, text, message); });
+    NiraIpcGuarded(TAG, "callback",
+                   [&] { CallInternalCallback(NIRA_IPC_PROXY_INTERNAL_CALLBACK_MESSAGE, text, message); });
+    m_TakeFromBacklog(*link, bytes);
+  });
+}
+
+void CNiraIpcProxyWebsocket::m_TakeFromBacklog(Link& link, size_t bytes) {
+  link.backlog -= bytes;
+  if (!link.isPaused || link.backlog > kNiraIpcMaxBacklog / 2) return;
+  link.loop->WithTurn([&] { m_Arm(link); });
+}
+
+void CNiraIpcProxyWebsocket::m_PostEvent(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, const char* text) {
+  m_ThreadPool.Post([this, gate = Gate(), type, text] {
+    CNiraIpcCallbackGate::Pass pass(gate);
+    Json::Value none;
+    if (pass) NiraIpcGuarded(TAG, "callback", [&] { CallInternalCallback(type, text, none); });
   });
 }
 
