@@ -155,8 +155,7 @@ class ThreadPool {
     if (m_Process != getpid()) return;
     {
       std::lock_guard<std::mutex> lock(m_State->lock);
-      m_State->stop = true;
-      m_State->called.notify_all();
+      m_State->Stop();
     }
     m_State->poller.Wake();  // one worker, which wakes the next
     for (std::thread& worker : m_Workers) {
@@ -218,53 +217,64 @@ class ThreadPool {
     std::deque<Task> tasks;                                           // guarded by lock, as all but busy
     std::unordered_map<uint64_t, std::shared_ptr<Watcher>> watchers;  // by id
     uint64_t lastId = 0;
-    std::condition_variable called;
-    int sleeping = 0;           // in the poller
-    int reserve = 0;            // waiting to be called to it
-    int calls = 0;              // to those
-    bool waking = false;        // a worker has been woken for tasks and has not looked yet
-    bool timing = false;        // the timer runs
-    unsigned begun = 0;         // tasks, ever
-    unsigned begunAtTimer = 0;  // when it was set
+    struct Reservist {
+      std::condition_variable called;
+      bool isCalled = false;
+    };
+    std::vector<Reservist*> reserve;  // who waits to be called to the poller; the latest is the first
+    int sleeping = 0;                 // in the poller
+    bool waking = false;              // a worker has been woken for tasks and has not looked yet
+    bool timing = false;              // the timer runs
+    unsigned begun = 0;               // tasks, ever
+    unsigned begunAtTimer = 0;        // when it was set
     bool stop = false;
     std::atomic<int> busy{0};  // only for the log
 
     explicit State(int threads) : count(threads) {}
 
-    // With the lock: what the tasks need that nobody has begun. To be called when it is released.
+    // With the lock, as all that follows.
+    int Awake() const { return count - sleeping - static_cast<int>(reserve.size()); }
+
+    // What the tasks need that nobody has begun. To be called when it is released.
     enum class Help { kNone, kWorker, kTimer };
     Help FindHelp() {
       if (tasks.empty() || sleeping == 0) return Help::kNone;
       const int wanted = std::min(Processors(), 1 + static_cast<int>(tasks.size()) / kTasksPerWorker);
-      if (count - sleeping - reserve < wanted) return std::exchange(waking, true) ? Help::kNone : Help::kWorker;
+      if (Awake() < wanted) return std::exchange(waking, true) ? Help::kNone : Help::kWorker;
       if (std::exchange(timing, true)) return Help::kNone;
       begunAtTimer = begun;
       return Help::kTimer;
     }
 
-    // With the lock, when the timer has run: whether no task was begun meanwhile.
+    // When the timer has run: whether no task was begun meanwhile.
     bool IsStalled() {
       timing = false;
       return !tasks.empty() && begun == begunAtTimer;
     }
 
-    // With the lock, when a worker has left the poller: somebody has to be there as long as anybody is idle.
+    // When a worker has left the poller: somebody has to be there as long as anybody is idle.
     void CallReserve() {
-      if (sleeping > 0 || reserve == 0) return;
-      --reserve;
-      ++calls;
-      called.notify_one();
+      if (sleeping > 0 || reserve.empty()) return;
+      reserve.back()->isCalled = true;
+      reserve.back()->called.notify_one();
+      reserve.pop_back();
     }
 
-    // With the lock: until the worker is needed in the poller. False when the pool has stopped.
+    // Until the worker is needed in the poller. False when the pool has stopped.
     bool WaitInReserve(std::unique_lock<std::mutex>& held) {
-      ++reserve;
-      called.wait(held, [this] { return calls > 0 || stop; });
-      if (calls == 0) return false;
-      --calls;
-      return true;
+      Reservist self;
+      reserve.push_back(&self);
+      self.called.wait(held, [&] { return self.isCalled || stop; });
+      if (!self.isCalled) reserve.erase(std::find(reserve.begin(), reserve.end(), &self));
+      return self.isCalled;
     }
 
+    void Stop() {
+      stop = true;
+      for (Reservist* each : reserve) each->called.notify_one();
+    }
+
+    // Without it.
     void CallHelp(Help help) {
       if (help == Help::kWorker) poller.Wake();
       if (help == Help::kTimer) poller.WakeAfter(kStall);
