@@ -114,7 +114,7 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   void SetIsConnected(bool connected);
   bool m_SetMessageQueue(Link& link, std::string&& message, bool mayWait);
   size_t m_CountQueued();
-  std::string m_GetMessageQueue(bool& isOverflowed);
+  std::string m_GetMessageQueue();
   std::string m_ConvertJsonValueToString(const Json::Value& value);
 
   bool m_SendMessage(const char* requestType, const std::string& request, Json::Value& reply);
@@ -139,7 +139,8 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   lws_context_creation_info m_ContextInfo = {};
   int m_nPort = 0;
 
-  std::atomic<bool> m_bTimerSet{false};  // the service thread knows when the next asynchronous call times out
+  std::atomic<bool> m_bTimerSet{false};    // the service thread knows when the next asynchronous call times out
+  std::atomic<bool> m_bOverflowed{false};  // the server has left more than the bound unread, or cannot be written
 
   std::mutex m_Mutex;
   std::condition_variable m_StateChanged;
@@ -149,8 +150,7 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   bool m_bConnected = false;  // from established to disconnect, also after the server closed
   bool m_bClosedByServer = false;
   bool m_bAttemptWanted = false;
-  bool m_bOverflowed = false;  // the server has left more than the bound unread
-  unsigned m_nSeed;            // for the requests' keys
+  unsigned m_nSeed;  // for the requests' keys
   CNiraIpcOutgoingQueue m_MessageQueue;
   LinkPtr m_Link;  // null when idle
 

@@ -406,20 +406,19 @@ void CNiraIpcProxyWebsocket::m_OnWritable(Link& link) {
 
 // With the turn: writes one message after the other until none is left or the socket takes no more.
 void CNiraIpcProxyWebsocket::m_WriteMessageToLWS(Link& link) {
-  bool isOverflowed = false;
   const CNiraIpcCork cork(link.descriptor, link.descriptor >= 0 && m_CountQueued() > 1);
   while (link.descriptor >= 0 && lws_partial_buffered(link.wsi) == 0) {
-    std::string text = m_GetMessageQueue(isOverflowed);
+    std::string text = m_GetMessageQueue();
     if (text.empty()) break;
     const char* message = text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom;
     NIRA_IPC_LOG_DEBUG(TAG, "[websocket] send msg = %s", message);
     const int written = NiraIpcWriteText(link.wsi, text);
     NIRA_IPC_LOG_INFO(TAG, "lws_write end, msg: %s, ret %d", message, written);
-    isOverflowed = isOverflowed || written < 0;
+    if (written < 0) m_bOverflowed = true;
     NIRA_IPC_LOG_DEBUG(TAG, "[websocket] lws_callback_on_writable end!!");
   }
   if (link.descriptor < 0) return;
-  if (isOverflowed) shutdown(link.descriptor, SHUT_RDWR);  // its reader finds it cut and closes it
+  if (m_bOverflowed) shutdown(link.descriptor, SHUT_RDWR);  // its reader finds it cut and closes it
   m_Arm(link);
 }
 
@@ -537,9 +536,8 @@ size_t CNiraIpcProxyWebsocket::m_CountQueued() {
   return m_MessageQueue.Count();
 }
 
-std::string CNiraIpcProxyWebsocket::m_GetMessageQueue(bool& isOverflowed) {
+std::string CNiraIpcProxyWebsocket::m_GetMessageQueue() {
   std::lock_guard<std::mutex> lock(m_Mutex);
-  isOverflowed = m_bOverflowed;
   std::string text = m_MessageQueue.Pop();
   if (text.empty()) {
     NIRA_IPC_LOG_INFO(TAG, "messageQueue empty");

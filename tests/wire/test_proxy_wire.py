@@ -115,6 +115,47 @@ class Proxy(unittest.TestCase):
         self.assert_works(app, self.connect(app, server))
         self.assertFalse(app.printed["event closed close"])  # for its own disconnecting there is none
 
+    def flood(self, service, megabytes):
+        """Pushes so many texts of a megabyte; gives how many the app took before it let none in for two seconds."""
+        push = b'{"request":{"message":"' + b"x" * (1 << 20) + b'"}}'
+        service.socket.settimeout(2)
+        for count in range(megabytes):
+            service.protocol.send_text(push)
+            try:
+                service.socket.sendall(b"".join(service.protocol.data_to_send()))
+            except OSError:
+                return count
+        return megabytes
+
+    def test_bounds_what_a_service_pushes_and_goes_on_when_there_is_room(self):
+        app, service = self.pair()
+        for _ in range(10):  # as many as there are workers
+            service.say({"request": {"message": "hold"}})
+            app.expect("event message hold")
+        self.assertIn(self.flood(service, 100), range(15, 40))
+        app.tell("& call f")  # reads on, and what it reads is bounded, too
+        self.assertLess(self.flood(service, 100), 90)
+        self.expect(app, "call f false")
+        app.tell("release", "disconnect")
+        app.expect("disconnect")
+        service = self.connect(app, Server())
+        self.assertEqual(self.flood(service, 100), 100)
+        for _ in range(100):
+            app.expect("event message 1048576 bytes")
+        self.assert_works(app, service)
+
+    def test_bounds_what_a_service_may_leave_unread(self):
+        app, service = self.pair()
+        app.tell(*["fill f"] * 6)  # of which it writes one
+        self.expect(app, "event closed close", most=10)
+        app.tell("disconnect")
+        app.expect("disconnect")
+        keys = re.findall(r"ARRANGE Remained WAIT ITEM, key\((\d+)\)", app.log())
+        self.assertEqual(len(keys), 6)
+        for key in keys:
+            app.expect(f'answer f {{"message":"Unexpected disconnection","stat":"fail","uniqueKey":{key}}}')
+        self.assert_works(app, self.connect(app, Server()))
+
     def unanswered_requests(self):
         app, service = self.pair()
         requests = self.request_all(app, service)

@@ -2,13 +2,17 @@
 //
 //   wire_app
 //
-// Prints "ready" and then one line for each callback, and sends every bundle back. Reads commands from standard input,
-// one a line, and prints a line when each is done; frees the proxy at their end:
-//   connect PORT ID   call METHOD   async METHOD   send TEXT   disconnect
+// Prints "ready" and then one line for each callback, and sends every bundle back. The callback of the text "hold"
+// lasts until "release". Reads commands from standard input, one a line, and prints a line when each is done; frees the
+// proxy at their end:
+//   connect PORT ID   call METHOD   async METHOD   fill METHOD   send TEXT   disconnect   release
+// "fill" is "async" with 15 MiB to carry.
 // A command after "&" runs on a thread of its own.
+#include <future>
 #include <iostream>
 #include <memory>
 #include <sstream>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -17,10 +21,13 @@
 namespace {
 
 void* g_Proxy;
+std::promise<void> g_Releasing;
+const std::shared_future<void> g_Released = g_Releasing.get_future();
 std::string g_Kinds[] = {"open", "closed", "error", "message"};  // by NIRA_IPC_PROXY_CALLBACK_TYPE
 
 void OnEvent(const char* text, void* kind) {
   Print({"event", *static_cast<std::string*>(kind), text});
+  if (std::string_view(text) == "hold") g_Released.wait();
 }
 
 void OnBundle(void* bundle, void*) {
@@ -39,15 +46,18 @@ void Obey(const std::string& line) {
   words >> command >> first >> id;
   void* func = nira_ipc_func_new(first.c_str());
   nira_ipc_func_add_param_int(func, "i", 5);
+  if (command == "fill") nira_ipc_func_add_param_string(func, "s", std::string(15 << 20, 'x').c_str());
   if (command == "connect") outcome = std::to_string(nira_ipc_proxy_connect(g_Proxy, std::stoi(first), id.c_str()));
   if (command == "call") {
     void* result = nira_ipc_proxy_call_function(g_Proxy, func);
     outcome = first + (nira_ipc_func_result_get_result(result) ? " true" : " false");
     nira_ipc_func_result_free(result);
   }
-  if (command == "async") nira_ipc_proxy_call_function_async(g_Proxy, func, OnAnswer, new std::string(first));
+  if (command == "async" || command == "fill")
+    nira_ipc_proxy_call_function_async(g_Proxy, func, OnAnswer, new std::string(first));
   if (command == "send") nira_ipc_proxy_send_message(g_Proxy, first.c_str());
   if (command == "disconnect") nira_ipc_proxy_disconnect(g_Proxy);
+  if (command == "release") g_Releasing.set_value();
   nira_ipc_func_free(func);
   Print({command, outcome});
 }
