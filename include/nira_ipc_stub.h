@@ -26,8 +26,8 @@ typedef enum NIRA_IPC_STUB_CALLBACK_TYPE {
   NIRA_IPC_STUB_CALLBACK_MESSAGE = 2
 } NIRA_IPC_STUB_CALLBACK_TYPE;
 
-/* The stub's service thread carries all its traffic: a callback of the types 0 and 1 that blocks holds up every client
- * while it runs on that thread. */
+/* The stub's service thread lets clients in and tells of those that come and go: a callback of the types 0 and 1 that
+ * blocks there holds up the clients that are about to. Those that are connected are served meanwhile. */
 typedef void (*nira_ipc_stub_callback)(const char* first, const char* second, void* user_data);
 
 /* A bundle from the app `caller` arrived. On a worker. */
