@@ -38,7 +38,7 @@ bool IsPlain(std::string_view text) {
 // put aside while it parses the rest. In their places it sees marks, which nobody can foresee and write into a message.
 class LongTexts {
  public:
-  // What is left to parse; empty when there is nothing to put aside, or the text has comments, which may hold quotes.
+  // What is left to parse; empty when there is nothing to put aside.
   std::string PutAside(std::string_view text) {
     std::string rest;
     size_t copied = 0;
@@ -54,7 +54,7 @@ class LongTexts {
       }
       at = end + 1;
     }
-    if (m_Texts.empty() || m_HasComments) return {};
+    if (m_Texts.empty()) return {};
     return rest.append(text, copied);
   }
 
@@ -71,11 +71,11 @@ class LongTexts {
   }
 
  private:
-  // The next quote that begins a text.
-  size_t FindQuote(std::string_view text, size_t from) {
+  // The next quote that begins a text; none after a comment, which may hold quotes.
+  static size_t FindQuote(std::string_view text, size_t from) {
     const size_t quote = text.find('"', from);
-    if (text.substr(from, quote - from).find('/') != std::string::npos) m_HasComments = true;
-    return m_HasComments ? std::string_view::npos : quote;
+    const bool hasComment = text.substr(from, quote - from).find('/') != std::string_view::npos;
+    return hasComment ? std::string_view::npos : quote;
   }
 
   // The quote that ends the text.
@@ -104,7 +104,6 @@ class LongTexts {
   }
 
   std::vector<std::string_view> m_Texts;
-  bool m_HasComments = false;
 };
 
 template <class Append>

@@ -160,3 +160,40 @@ TEST(AWaitTable, AnswersEachRequestOnceAndInTime) {
 }
 
 }  // namespace
+
+TEST(AWaitTable, HasOneLeaderWhoPassesTheLeadToOneThatStillWaits) {
+  MessageWaitItems items;
+  std::mutex lock;
+  std::vector<int> leaders;
+  const auto deadline = MessageWaitItems::Clock::now() + 1min;
+  for (int key = 1; key <= 4; ++key) ASSERT_TRUE(items.CreateKey(key, deadline));
+  ASSERT_TRUE(items.TryLead(1));
+  EXPECT_FALSE(items.TryLead(2));
+  const auto wait = [&](int key) {
+    bool mustLead = false;
+    while (!items.WaitForResponse(key, &mustLead) || mustLead) {
+      {
+        std::lock_guard<std::mutex> held(lock);
+        leaders.push_back(key);
+      }
+      EXPECT_TRUE(AwaitTrue([&] { return items.IsOver(key); }));
+      items.EndLead(key);
+    }
+  };
+  const auto leader = [&](size_t number) {
+    EXPECT_TRUE(AwaitTrue([&] { return std::lock_guard<std::mutex>(lock), leaders.size() >= number; }));
+    std::lock_guard<std::mutex> held(lock);
+    return leaders.size() == number ? leaders.back() : 0;
+  };
+  std::thread waiters[] = {std::thread(wait, 2), std::thread(wait, 3), std::thread(wait, 4)};
+  EXPECT_TRUE(items.SetJsonResponse(3, Json::Value(3)));
+  waiters[1].join();
+  items.EndLead(1);
+  const int first = leader(1), second = 6 - first;
+  EXPECT_FALSE(items.TryLead(1));
+  EXPECT_TRUE(items.SetJsonResponse(first, Json::Value(first)));
+  EXPECT_EQ(leader(2), second);
+  EXPECT_TRUE(items.SetJsonResponse(second, Json::Value(second)));
+  for (int i : {0, 2}) waiters[i].join();
+  EXPECT_TRUE(items.TryLead(1)) << "nobody leads any more";
+}

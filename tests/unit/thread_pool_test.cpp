@@ -1,6 +1,7 @@
 #include "ThreadPool.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <set>
 
@@ -59,6 +60,42 @@ TEST(AThreadPool, KeepsMoreTasksThanWorkersAndRunsThemAllBeforeItEnds) {
   EXPECT_EQ(log.Count(4, "0 threads are idle (of 10 threads), 20 remaining task(s)"), 1);
 }
 
+TEST(AThreadPool, TellsOneWorkerOnceWhenAWatchedDescriptorIsReady) {
+  struct Reader : ThreadPool::Watcher {
+    std::atomic<int> calls{0};
+    std::atomic<bool> isWorker{false};
+    ThreadPool* pool = nullptr;
+    void OnReady(uint32_t) override { isWorker = pool->IsWorker(), ++calls; }
+  };
+  const auto reader = std::make_shared<Reader>();
+  ThreadPool pool(10);
+  reader->pool = &pool;
+  pool.enqueue([] {}).wait();
+  int sockets[2] = {};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+  const uint64_t id = pool.Watch(sockets[0], reader, EPOLLIN);
+  const auto await = [&](int calls) {
+    for (int i = 0; i < 10000 && reader->calls < calls; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    for (int i = 0; i < 100; ++i) pool.enqueue([] {}).wait();  // whoever else was told has looked by now
+    return reader->calls.load();
+  };
+  ASSERT_EQ(write(sockets[1], "x", 1), 1);
+  EXPECT_EQ(await(1), 1);
+  ASSERT_EQ(write(sockets[1], "x", 1), 1);
+  EXPECT_EQ(await(1), 1) << "nobody has armed it again";
+  pool.Arm(sockets[0], id, EPOLLIN);
+  EXPECT_EQ(await(2), 2) << "it was ready before it was armed";
+  pool.Arm(sockets[0], id, 0);
+  EXPECT_EQ(await(2), 2);
+  pool.Arm(sockets[0], id, EPOLLIN);
+  EXPECT_EQ(await(3), 3);
+  EXPECT_TRUE(reader->isWorker);
+  pool.Unwatch(sockets[0], id);
+  close(sockets[1]);
+  EXPECT_EQ(await(3), 3);
+  close(sockets[0]);
+}
+
 // A task that stops its pool, as one that calls exit() does, and goes on after the pool is gone.
 TEST(AThreadPool, MayBeStoppedAndOutlivedByATask) {
   const LogCapture log;
@@ -81,6 +118,12 @@ TEST(AThreadPool, GivesAForkedChildWorkersOfItsOwn) {
   if (__tsan_init != nullptr) GTEST_SKIP() << "the thread sanitizer refuses threads in a forked child";
   ThreadPool pool(2);
   auto abandoned = std::make_unique<ThreadPool>(2);
+  for (ThreadPool* each : {&pool, abandoned.get()}) {  // of each of which both workers run
+    std::promise<void> first, second;
+    each->enqueue([&] { first.set_value(), second.get_future().wait(); });
+    auto both = each->enqueue([&] { first.get_future().wait(), second.set_value(); });
+    ASSERT_EQ(both.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  }
   const auto child = [&] {
     alarm(20);
     abandoned.reset();
