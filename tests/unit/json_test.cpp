@@ -85,7 +85,7 @@ TEST(Json, IsWrittenAsJsoncppDoesWhateverTheValue) {
   value["empty"].append(Json::Value(Json::objectValue));
   value["empty"].append(Json::Value(Json::arrayValue));
   value["empty"].append("");
-  value[std::string("nul\0, \"quote\" and \xf0\x9f\x98\x80", 24)] = std::string("a\0b", 3);
+  value[std::string("nul") + '\0' + ", \"quote\" and \xf0\x9f\x98\x80"] = std::string("a\0b", 3);
   value["long"] = std::string(5000, 'x') + "\xc3\xa4\"" + std::string(100, '\\');
   for (int depth = 0; depth < 500; ++depth) value = Json::Value(Json::arrayValue).append(value);
   EXPECT_EQ(NiraIpcWriteJson(value), Json::FastWriter().write(value));
