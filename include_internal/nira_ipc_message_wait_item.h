@@ -59,7 +59,7 @@ class MessageWaitItems {
   void SetStartTick(int key, uint32_t tick);
   uint32_t GetStartTick(int key) const;
 
-  // Answers a request. False when none waits under the key (any more).
+  // Answers a request. False when none waits under the key (any more); the response is not moved then.
   bool SetJsonResponse(int key, Json::Value&& response);
 
   // Makes the request's thread the leader if there is none.

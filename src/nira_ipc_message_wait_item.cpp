@@ -59,14 +59,11 @@ bool MessageWaitItems::SetJsonResponse(int key, Json::Value&& response) {
     item = m_Find(key);
     if (item == nullptr || item->m_Answered) return false;
     item->m_Answered = true;
-    if (item->m_Completion) {
-      m_Remove(key, *item);
-    } else {
-      item->m_Response = std::move(response);
-    }
+    item->m_Response = std::move(response);
+    if (item->m_Completion) m_Remove(key, *item);
   }
   if (item->m_Completion) {
-    item->m_Completion(std::move(response));
+    item->m_Completion(std::move(item->m_Response));
   } else {
     item->m_Condition.notify_one();
   }

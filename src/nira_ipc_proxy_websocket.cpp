@@ -477,7 +477,7 @@ void CNiraIpcProxyWebsocket::m_OnMessage(Link& link, std::string&& text) {
   }
   if (hasKey && m_WaitItems.SetJsonResponse(key, std::move(root))) return;
   NIRA_IPC_LOG_INFO(TAG, "Unknown message");
-  m_PostMessage(link, std::move(text), std::move(root));
+  m_PostMessage(link, std::move(text), std::move(root));  // NOLINT(bugprone-use-after-move): only a reply was moved
 }
 
 void CNiraIpcProxyWebsocket::m_PostMessage(Link& link, std::string&& text, Json::Value&& message) {
