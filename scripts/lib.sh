@@ -32,6 +32,13 @@ install_missing() {
   install_packages "${missing[@]}"
 }
 
+# Installs PACKAGE unless COMMAND succeeds: what only one script needs.
+install_unless() { # PACKAGE COMMAND [ARGUMENT...]
+  local missing=()
+  want "$@"
+  if [ ${#missing[@]} -gt 0 ]; then install_packages "${missing[@]}"; fi
+}
+
 install_packages() { # PACKAGE...
   echo "Installing $*" >&2
   if ! command -v apt-get >/dev/null; then
