@@ -135,7 +135,7 @@ class Proxy(unittest.TestCase):
         self.assertIn(self.flood(service, 100), range(15, 40))
         app.tell("& call f")  # reads on, and what it reads is bounded, too
         self.assertLess(self.flood(service, 100), 90)
-        self.expect(app, "call f false")
+        app.expect("call f false", 60)
         app.tell("release", "disconnect")
         app.expect("disconnect")
         service = self.connect(app, Server())
@@ -147,7 +147,7 @@ class Proxy(unittest.TestCase):
     def test_bounds_what_a_service_may_leave_unread(self):
         app, service = self.pair()
         app.tell(*["fill f"] * 6)  # of which it writes one
-        self.expect(app, "event closed close", most=10)
+        app.expect("event closed close", 60)
         app.tell("disconnect")
         app.expect("disconnect")
         keys = re.findall(r"ARRANGE Remained WAIT ITEM, key\((\d+)\)", app.log())
