@@ -24,6 +24,12 @@ WHAT = {
 COMPARED = [("sync1pin", "p50_us", False), ("sync1pin", "cpu_us", False), ("sync1", "p50_us", False),
             ("sync8", "rate", True), ("async64", "rate", True), ("big64k", "p50_us", False),
             ("big1m", "p50_us", False), ("push", "rate", True)]
+PROGRAMS = {
+    "nira_ipc": "this library", "raw_tcp": "bare TCP sockets, the limit", "raw_unix": "bare Unix sockets",
+    "sdbus_daemon": "sd-bus through its daemon", "sdbus_p2p": "sd-bus, peer to peer",
+    "sdbus_cpp": "sdbus-c++ through the daemon", "zmq_tcp": "ZeroMQ and jsoncpp", "zmq_ipc": "ZeroMQ and jsoncpp",
+    "nng_tcp": "nng and jsoncpp", "nng_ipc": "nng and jsoncpp", "grpc_tcp": "gRPC", "grpc_unix": "gRPC",
+}
 PLOT = """set terminal svg size 720,360 background "white" font "sans-serif,13"
 set output "{path}"
 set key top left
@@ -134,7 +140,7 @@ def comparison(ours, others):
     both = groups(rows, "peer", "mode")
     lines = []
     for name in sorted(dict.fromkeys(peer for peer, _ in both), key=lambda peer: peer != "nira_ipc"):
-        line = [f"`{name}`"]
+        line = [f"`{name}`" + (f": {PROGRAMS[name]}" if name in PROGRAMS else "")]
         for mode, key, more in COMPARED:
             mine, base = (median(both.get((peer, mode), []), key) for peer in (name, "nira_ipc"))
             ratio = (mine / base if more else base / mine) if mine and base else None

@@ -349,7 +349,9 @@ int CNiraIpcProxyWebsocket::m_OnReceive(Link& link, const char* in, size_t len) 
 // has read waits to be processed; it always sees that a socket which took no more is written again.
 void CNiraIpcProxyWebsocket::m_Arm(Link& link) {
   if (link.descriptor < 0) return;
-  link.isPaused = link.backlog > (link.isPaused ? kNiraIpcMaxBacklog / 2 : kNiraIpcMaxBacklog);
+  if (link.backlog > kNiraIpcMaxBacklog) link.isPaused = true;
+  // Looked at again: workers that made room before it was set do not come back.
+  if (link.isPaused && link.backlog <= kNiraIpcMaxBacklog / 2) link.isPaused = false;
   uint32_t events = link.isLed || link.isPaused ? 0 : EPOLLIN | EPOLLRDHUP;
   if (lws_partial_buffered(link.wsi) != 0) events |= EPOLLOUT;
   if (events == link.armed) return;
