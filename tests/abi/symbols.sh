@@ -1,27 +1,16 @@
 #!/usr/bin/env bash
-# The library's name, what it exports and what it needs:  symbols.sh LIBRARY HEADERS NAME|NAME...
-# The names are the libraries that it may need besides those that every build needs.
-set -euo pipefail
+# The library's name, what it exports and what it needs:  symbols.sh [LIBRARY NAME|NAME...]
+# The names are the libraries that it may need besides those that every build needs. Without arguments: this build's.
+set -euxo pipefail # the last line of the trace tells what failed
 export LC_ALL=C
-library=$1 headers=$2 also=$3
-listed=$(dirname "${BASH_SOURCE[0]}")/exported_symbols.txt
+library=${1:-$BUILD/libnira-ipc.so} also=${2:-nira-platform|asan|ubsan|tsan}
+listed=$SOURCE/tests/abi/exported_symbols.txt
 
-declared() {
-  sed -nE 's/^NIRA_IPC_EXPORT .*\b(nira_ipc_[a-z_]+)\(.*/\1/p' "$headers"/*.h |
-    sed 's/^nira_ipc_func_result_get_json$/_Z29&Pv/' | sort
-}
+[ "$(basename "$(readlink -f "$library")")" = libnira-ipc.so.1.0.2 ]
+nm -D --defined-only "$library" | awk '{ print $3 }' | sort | diff "$listed" -
+sed -nE 's/^NIRA_IPC_EXPORT .*\b(nira_ipc_[a-z_]+)\(.*/\1/p' "$SOURCE"/include/*.h |
+  sed 's/^nira_ipc_func_result_get_json$/_Z29&Pv/' | sort | diff "$listed" -
 dynamic() { readelf -dW "$library" | sed -nE "s/.*\($1\).*\[(.*)\]/\1/p"; }
-
-failed=0
-check() { # WHAT WANTED FOUND
-  diff <(echo "$2") <(echo "$3") || { echo "$1: < wanted, > found" && failed=1; }
-}
-check "symbols" "$(<"$listed")" "$(nm -D --defined-only "$library" | awk '{print $3}' | sort)"
-check "declarations" "$(<"$listed")" "$(declared)"
-check "file" libnira-ipc.so.1.0.2 "$(basename "$(readlink -f "$library")")"
-check "SONAME" libnira-ipc.so.1 "$(dynamic SONAME)"
-
-everywhere='lib(jsoncpp|websockets|crypto|stdc\+\+|gcc_s|m|c)'
-check "libraries that it should not need" "" "$(dynamic NEEDED | grep -vE "^($everywhere|lib($also)|ld-linux.*)\.so" || true)"
-check "first of the libraries" libwebsockets.so "$(dynamic NEEDED | grep -o '^libwebsockets\.so')"
-exit $failed
+[ "$(dynamic SONAME)" = libnira-ipc.so.1 ]
+dynamic NEEDED | grep '^libwebsockets\.so'
+[ -z "$(dynamic NEEDED | grep -vE "^(lib(jsoncpp|websockets|crypto|stdc\+\+|gcc_s|m|c|$also)|ld-linux.*)\.so")" ]

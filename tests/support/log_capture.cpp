@@ -2,74 +2,40 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
 
 #include "nira_platform_log.h"
 
-namespace {
+// Neither has a constructor or destructor that does anything: the library logs before main and after it.
+static std::mutex g_Lock;
+static std::vector<std::pair<int, std::string>>* g_Lines;
 
-// Never destroyed, and made on first use: the library logs before main and after it.
-struct Recorder {
-  std::mutex lock;
-  bool recording = false;
-  std::vector<LogLine> lines;
-};
-
-Recorder& TheRecorder() {
-  static Recorder& recorder = *new Recorder;
-  return recorder;
-}
-
-bool Matches(const std::string& message, const std::string& pattern) {
-  if (!pattern.empty() && pattern.back() == '*')
-    return message.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0;
-  return message == pattern;
-}
-
-}  // namespace
-
-extern "C" __attribute__((visibility("default"))) int __dlog_print(int, int priority, const char* tag,
-                                                                   const char* format, ...) {
-  Recorder& recorder = TheRecorder();
-  std::lock_guard<std::mutex> lock(recorder.lock);
+int __dlog_print(int, int priority, const char*, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  char* raw = nullptr;  // formatted even when nobody records: a wrong format or a dead pointer shows under sanitizers
-  const int length = vasprintf(&raw, format, args);
+  char* line = nullptr;  // formatted even when nobody records: a wrong format or a dead pointer shows under sanitizers
+  if (vasprintf(&line, format, args) < 0) abort();
   va_end(args);
-  if (length < 0) return -1;
-  std::string text(raw, static_cast<size_t>(length));
-  free(raw);
-  if (!recorder.recording) return 0;
-  const size_t prefix = text.find(") > ");
-  recorder.lines.push_back({priority, tag, text, prefix == std::string::npos ? text : text.substr(prefix + 4)});
+  const char* const prefix = strstr(line, ") > ");
+  const std::lock_guard<std::mutex> lock(g_Lock);
+  if (g_Lines != nullptr) g_Lines->emplace_back(priority, prefix != nullptr ? prefix + 4 : line);
+  free(line);
   return 0;
 }
 
-LogCapture::LogCapture() {
-  std::lock_guard<std::mutex> lock(TheRecorder().lock);
-  TheRecorder().recording = true;
-  TheRecorder().lines.clear();
+void LogCapture::KeepIn(decltype(m_Lines)* lines) {
+  const std::lock_guard<std::mutex> lock(g_Lock);
+  g_Lines = lines;
 }
 
-LogCapture::~LogCapture() {
-  std::lock_guard<std::mutex> lock(TheRecorder().lock);
-  TheRecorder().recording = false;
-}
-
-std::vector<LogLine> LogCapture::Lines() const {
-  std::lock_guard<std::mutex> lock(TheRecorder().lock);
-  return TheRecorder().lines;
-}
-
-int LogCapture::Count(const std::string& message) const {
-  return Count(0, message);
-}
-
-int LogCapture::Count(int priority, const std::string& message) const {
+int LogCapture::Count(const std::string& message, int priority) const {
+  const size_t length = !message.empty() && message.back() == '*' ? message.size() - 1 : std::string::npos;
+  const std::lock_guard<std::mutex> lock(g_Lock);
   int count = 0;
-  for (const LogLine& line : Lines()) {
-    count += (priority == 0 || line.priority == priority) && Matches(line.message, message) ? 1 : 0;
+  for (const auto& [linePriority, text] : m_Lines) {
+    if (text.compare(0, length, message, 0, length) == 0 && (priority == 0 || priority == linePriority)) ++count;
   }
   return count;
 }
