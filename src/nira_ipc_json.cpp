@@ -142,10 +142,11 @@ class PlainReader {
     return true;
   }
 
+  // What would go on as a fraction is found by whoever expects a comma then.
   bool m_ReadInteger(Json::Value& value) {
     int number = 0;
     const auto [end, error] = std::from_chars(m_At, m_End, number);
-    if (error != std::errc() || (end != m_End && (*end == '.' || *end == 'e' || *end == 'E'))) return false;
+    if (error != std::errc()) return false;
     m_At = end;
     value = number;
     return true;
