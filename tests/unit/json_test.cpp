@@ -89,7 +89,7 @@ TEST(AJsonText, IsReadAsByReader) {
       R"(|/*"*/["L"]|["L",/*"L*/"L"]|{"L"/**/:"L"}|["\u0001-1:0L","\u0001-1:0"]|{"a":"L","a":"L"} "L|["L"]/|"L|["L])"
       R"(|["L\"]|{"L" "L"}|{"L"}|["L"/]|["L",//"L])");
   for (std::string text; std::getline(texts, text, '|');) IsJson(text);
-  for (const size_t depth : {100, 101, 102, 999, 1000, 1001, 100000})
+  for (const size_t depth : std::initializer_list<size_t>{100, 101, 102, 999, 1000, 1001, 100000})
     IsJson(std::string(depth, '[') + "\"L\"" + std::string(depth, ']'));
   int accepted = 0;
   for (int i = 0; i < 4000; ++i) accepted += IsJson(Document(4)) ? 1 : 0;
