@@ -152,7 +152,7 @@ void WaitTableCompletion(State& state) {
   const auto deadline = MessageWaitItems::Clock::now() + std::chrono::hours(1);
   int key = 0, answered = 0;
   while (state.KeepRunning()) {
-    items.CreateKey(key, deadline, [&answered](Json::Value&&) { ++answered; });
+    items.CreateKey(key, deadline, [&answered](CNiraIpcMessage&&) { ++answered; });
     items.SetJsonResponse(key++, Json::Value(1));
   }
   if (answered != key) state.SkipWithError("no answer");

@@ -10,6 +10,9 @@
 class CNiraIpcFuncResult : public CNiraIpcBundle {
  public:
   CNiraIpcFuncResult();
+
+  // One that has arrived.
+  explicit CNiraIpcFuncResult(Json::Value&& content);
   ~CNiraIpcFuncResult() override;
 
   void SetResult(bool result);

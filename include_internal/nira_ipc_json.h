@@ -6,6 +6,7 @@
 #include <json/json.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -14,6 +15,20 @@ bool NiraIpcParseJson(const char* text, size_t length, Json::Value& root);
 inline bool NiraIpcParseJson(const char* text, Json::Value& root) {
   return NiraIpcParseJson(text, std::strlen(text), root);
 }
+
+// What can be told of a text without making its value.
+struct NiraIpcJsonOutline {
+  std::string_view name;       // given: the member of the root that is looked for
+  std::optional<int> integer;  // its value
+  bool isObject = false;       // the root
+  bool isCompact = false;  // the text is what NiraIpcWriteJson would make of the value; its line feed may be missing
+};
+
+// False for a text that has to be parsed to tell. One that has an outline can be parsed.
+bool NiraIpcOutlineJson(std::string_view text, NiraIpcJsonOutline& outline);
+
+// Parses one member of the root, an object, of a text that has an outline. Leaves `value` alone when it is missing.
+void NiraIpcParseJsonMember(std::string_view text, std::string_view name, Json::Value& value);
 
 // Appends the compact form, which is what both ends send; a text is quoted.
 void NiraIpcAppendJson(std::string& to, const Json::Value& value);

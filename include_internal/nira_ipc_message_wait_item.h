@@ -9,8 +9,6 @@
 #ifndef NIRA_IPC_MESSAGE_WAIT_ITEM_H
 #define NIRA_IPC_MESSAGE_WAIT_ITEM_H
 
-#include <json/json.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -21,6 +19,8 @@
 #include <optional>
 #include <unordered_map>
 #include <vector>
+
+#include "nira_ipc_message.h"
 
 class WaitItem {
  public:
@@ -37,9 +37,9 @@ class WaitItem {
   bool m_Answered = false;
   bool m_Sleeps = false;  // its thread waits on the condition and could lead
   bool m_Leads = false;   // its thread is to lead
-  Json::Value m_Response;
+  CNiraIpcMessage m_Response;
   uint32_t m_StartTick = 0;
-  std::function<void(Json::Value&&)> m_Completion;  // instead of a waiting thread
+  std::function<void(CNiraIpcMessage&&)> m_Completion;  // instead of a waiting thread
   std::chrono::steady_clock::time_point m_Deadline;
   std::list<int>::iterator m_Place;  // in m_Completions, or in m_Sleepers if m_Sleeps
 };
@@ -47,7 +47,7 @@ class WaitItem {
 class MessageWaitItems {
  public:
   using Clock = std::chrono::steady_clock;
-  using Completion = std::function<void(Json::Value&&)>;
+  using Completion = std::function<void(CNiraIpcMessage&&)>;
 
   bool IsKeyCreated(int key) const;
 
@@ -60,7 +60,7 @@ class MessageWaitItems {
   uint32_t GetStartTick(int key) const;
 
   // Answers a request. False when none waits under the key (any more); the response is not moved then.
-  bool SetJsonResponse(int key, Json::Value&& response);
+  bool SetJsonResponse(int key, CNiraIpcMessage&& response);
 
   // Makes the request's thread the leader if there is none.
   bool TryLead(int key);
@@ -85,7 +85,7 @@ class MessageWaitItems {
   bool RemoveKey(int key);
 
   // Both at once: false when it was not answered.
-  bool TakeResponse(int key, Json::Value& response);
+  bool TakeResponse(int key, CNiraIpcMessage& response);
 
   // Answers every request that still waits, in ascending order of keys, because the connection is gone.
   void ArrangeAllWaitItem();

@@ -36,7 +36,7 @@ class CNiraIpcProxy {
   void RegisterBundleHandler(nira_ipc_proxy_bundle_handler handler, void* userData);
   void UnregisterBundleHandler(nira_ipc_proxy_bundle_handler handler);
 
-  bool CallFunction(const CNiraIpcFunc* func, Json::Value& reply);
+  bool CallFunction(const CNiraIpcFunc* func, CNiraIpcMessage& reply);
   void CallFunctionAsync(const CNiraIpcFunc* func, nira_ipc_proxy_callback callback, void* userData);
   void SendMessage(const char* text);
   void SendBundle(const CNiraIpcBundle* bundle);

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "nira_ipc_callback_gate.h"
+#include "nira_ipc_message.h"
 #include "nira_ipc_proxy.h"
 
 enum NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE {
@@ -46,7 +47,7 @@ class INiraIpcProxy {
   virtual void SendMessageAsync(CRequestAsyncData* data) = 0;
 
   // SendMessage for a caller that wants the reply's members, not its text.
-  virtual bool SendRequest(const char* requestType, const std::string& request, Json::Value& reply) = 0;
+  virtual bool SendRequest(const char* requestType, const std::string& request, CNiraIpcMessage& reply) = 0;
 
   // Disconnects, whatever state it is in, and waits until nothing runs on behalf of this proxy in other threads.
   virtual void TearDown() = 0;

@@ -36,7 +36,7 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   bool IsConnected() override;
   bool SendMessage(const char* requestType, const std::string& request, std::string& reply) override;
   void SendMessageAsync(CRequestAsyncData* data) override;
-  bool SendRequest(const char* requestType, const std::string& request, Json::Value& reply) override;
+  bool SendRequest(const char* requestType, const std::string& request, CNiraIpcMessage& reply) override;
   void TearDown() override;
 
  private:
@@ -106,7 +106,7 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   void OnError();
   void OnMessage(Link& link, std::string&& text);
   void m_OnMessage(Link& link, std::string&& text);
-  void m_PostMessage(Link& link, std::string&& text, Json::Value&& message);
+  void m_PostMessage(Link& link, CNiraIpcMessage&& message);
   void m_TakeFromBacklog(Link& link, size_t bytes);
   void m_PostEvent(NIRA_IPC_PROXY_INTERNAL_CALLBACK_TYPE type, const char* text);
 
@@ -117,7 +117,6 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   std::string m_GetMessageQueue();
   std::string m_ConvertJsonValueToString(const Json::Value& value);
 
-  bool m_SendMessage(const char* requestType, const std::string& request, Json::Value& reply);
   static void m_SendMessageAsync(CRequestAsyncData* data, CNiraIpcProxyWebsocket* transport);
   static std::string m_MakeEnvelope(const char* requestType, const std::string& request, int key, uint32_t now,
                                     const std::string& caller);
@@ -127,7 +126,7 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
                       const MessageWaitItems::Completion& completion, int& key, LinkPtr& link);
   void m_AwaitReply(Link& link, int key);
   void m_SetLed(Link& link);
-  void m_OnAsyncReply(const std::shared_ptr<CRequestAsyncData>& record, const Json::Value& reply);
+  void m_OnAsyncReply(const std::shared_ptr<CRequestAsyncData>& record, CNiraIpcMessage& reply);
   void m_Complete(const std::shared_ptr<CRequestAsyncData>& record, std::string reply);
   void m_RunCompletionsHere();
 

@@ -6,6 +6,10 @@ CNiraIpcFuncResult::CNiraIpcFuncResult() : CNiraIpcBundle("params") {
   SetResult(false);
 }
 
+CNiraIpcFuncResult::CNiraIpcFuncResult(Json::Value&& content) : CNiraIpcBundle("params") {
+  SetJsonParam(std::move(content));
+}
+
 CNiraIpcFuncResult::~CNiraIpcFuncResult() = default;
 
 void CNiraIpcFuncResult::SetResult(bool result) {

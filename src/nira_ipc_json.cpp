@@ -1,5 +1,7 @@
 #include "nira_ipc_json.h"
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstring>
 
@@ -14,10 +16,16 @@ constexpr size_t kLong = 1024;
 // What usually follows the last text of a message.
 constexpr size_t kTail = 256;
 
-// Whether a character stands for itself in a JSON text.
-unsigned IsSpecial(unsigned char c) {
+// Whether a character does not stand for itself in a JSON text.
+constexpr unsigned IsSpecial(unsigned char c) {
   return (c < 0x20) | (c > 0x7f) | (c == '"') | (c == '\\');
 }
+
+constexpr auto kIsSpecial = [] {
+  std::array<bool, 256> isSpecial = {};
+  for (unsigned c = 0; c < isSpecial.size(); ++c) isSpecial[c] = IsSpecial(static_cast<unsigned char>(c)) != 0;
+  return isSpecial;
+}();
 
 bool IsPlain(std::string_view text) {
   constexpr size_t kBlock = 64;
@@ -28,9 +36,15 @@ bool IsPlain(std::string_view text) {
     text.remove_prefix(kBlock);
   }
   for (const char c : text) {
-    if (IsSpecial(static_cast<unsigned char>(c)) != 0) return false;
+    if (kIsSpecial[static_cast<unsigned char>(c)]) return false;
   }
   return true;
+}
+
+// Whether jsoncpp keeps a member behind another. Most names differ in their first letters.
+bool IsBehind(std::string_view name, std::string_view other) {
+  if (!name.empty() && !other.empty() && name.front() != other.front()) return name.front() > other.front();
+  return name > other;
 }
 
 bool ParseByJsoncpp(const char* begin, const char* end, Json::Value& root) {
@@ -41,21 +55,34 @@ bool ParseByJsoncpp(const char* begin, const char* end, Json::Value& root) {
 }
 
 // Reads what messages usually are: objects, arrays, texts, integers of 32 bits and the three names. jsoncpp takes twice
-// as long for them, and ten times for a long text, since it looks at each character several times. A text with an
-// escape is left to it; at anything else (a comment, a fraction, an error) this gives up, and jsoncpp decides about the
-// whole.
+// as long for them, and ten times for a long text, since it looks at each character several times. At anything else (a
+// comment, a fraction, an error) this gives up, and jsoncpp decides about the whole.
+//
+// A Target is told what stands in its place.
+template <class Target>
 class PlainReader {
  public:
-  PlainReader(const char* begin, const char* end) : m_At(begin), m_End(end) {}
+  explicit PlainReader(std::string_view text) : m_At(text.data()), m_End(text.data() + text.size()) {}
 
-  bool ReadAll(Json::Value& root) { return m_Read(root, 0) && !m_SkipTo(); }
+  bool ReadAll(Target root) {
+    if (!m_Read(root, 0)) return false;
+    if (m_End - m_At == 1 && *m_At == '\n') ++m_At;
+    return !m_SkipTo();
+  }
+
+  // Whether the text that was read is what NiraIpcWriteJson makes of its value; its line feed may be missing.
+  bool IsCompact() const { return m_IsCompact; }
 
  private:
   static constexpr int kDepth = 100;
+  static constexpr ptrdiff_t kShort = 32;  // looking for the end of a longer text at many characters at once pays
 
   // To the next character that is no space; false when there is none.
   bool m_SkipTo() {
+    if (m_At != m_End && static_cast<unsigned char>(*m_At) > ' ') return true;  // usually
+    const char* const from = m_At;
     while (m_At != m_End && (*m_At == ' ' || *m_At == '\t' || *m_At == '\r' || *m_At == '\n')) ++m_At;
+    if (m_At != from) m_IsCompact = false;
     return m_At != m_End;
   }
 
@@ -65,104 +92,181 @@ class PlainReader {
     return true;
   }
 
-  bool m_Read(Json::Value& value, int depth) {
+  bool m_Read(Target target, int depth) {
     if (!m_SkipTo() || depth > kDepth) return false;
     switch (*m_At) {
       case '{':
-        return m_ReadObject(value, depth);
+        return m_ReadObject(target, depth);
       case '[':
-        return m_ReadArray(value, depth);
+        return m_ReadArray(target, depth);
       case '"':
-        return m_ReadText(value);
+        return m_ReadText(target);
       case 't':
-        return m_ReadName("true", true, value);
+        return m_ReadName("true", true, target);
       case 'f':
-        return m_ReadName("false", false, value);
+        return m_ReadName("false", false, target);
       case 'n':
-        return m_ReadName("null", Json::Value(), value);
+        return m_ReadName("null", {}, target);
       default:
-        return m_ReadInteger(value);
+        return m_ReadInteger(target);
     }
   }
 
-  bool m_ReadObject(Json::Value& value, int depth) {
+  bool m_ReadObject(Target target, int depth) {
     ++m_At;
-    value = Json::Value(Json::objectValue);
+    target.SetObject();
     if (m_Take('}')) return true;
+    std::string_view last;
     do {
-      const char* begin = m_SkipTo() ? m_At + 1 : m_At;
+      std::string_view name;
       bool hasEscapes = false;
-      if (!m_PassText(hasEscapes) || hasEscapes) return false;
-      const char* end = m_At - 1;
-      if (!m_Take(':') || !m_Read(*value.demand(begin, end), depth + 1)) return false;
+      if (!m_SkipTo() || !m_PassText(name, hasEscapes) || hasEscapes) return false;
+      if (Target::kLooksAtForm && last.data() != nullptr && !IsBehind(name, last)) m_IsCompact = false;
+      if (!m_Take(':') || !m_Read(target.Member(name), depth + 1)) return false;
+      last = name;
     } while (m_Take(','));
     return m_Take('}');
   }
 
-  bool m_ReadArray(Json::Value& value, int depth) {
+  bool m_ReadArray(Target target, int depth) {
     ++m_At;
-    value = Json::Value(Json::arrayValue);
+    target.SetArray();
     if (m_Take(']')) return true;
     do {
-      if (!m_Read(value.append(Json::Value()), depth + 1)) return false;
+      if (!m_Read(target.Element(), depth + 1)) return false;
     } while (m_Take(','));
     return m_Take(']');
   }
 
-  bool m_ReadText(Json::Value& value) {
-    const char* begin = m_At;
+  bool m_ReadText(Target target) {
+    std::string_view text;
     bool hasEscapes = false;
-    if (!m_PassText(hasEscapes)) return false;
-    if (hasEscapes) return ParseByJsoncpp(begin, m_At, value);
-    value = Json::Value(begin + 1, m_At - 1);
+    if (!m_PassText(text, hasEscapes)) return false;
+    if (hasEscapes) return target.SetEscaped(text);
+    target.SetText(text);
     return true;
   }
 
-  // From the quote that begins a text to behind the one that ends it.
-  bool m_PassText(bool& hasEscapes) {
-    if (m_At == m_End || *m_At != '"') return false;
-    for (const char* from = m_At + 1;;) {
-      const auto* quote = static_cast<const char*>(std::memchr(from, '"', static_cast<size_t>(m_End - from)));
+  // From the quote that begins a text to behind the one that ends it; gives what is between them.
+  bool m_PassText(std::string_view& text, bool& hasEscapes) {
+    if (*m_At != '"') return false;
+    const char* const begin = ++m_At;
+    if (m_PassShortText()) {
+      text = {begin, static_cast<size_t>(m_At - 1 - begin)};
+      return true;
+    }
+    for (m_At = begin;;) {
+      const auto* quote = static_cast<const char*>(std::memchr(m_At, '"', static_cast<size_t>(m_End - m_At)));
       if (quote == nullptr) return false;
-      const auto* escape = static_cast<const char*>(std::memchr(from, '\\', static_cast<size_t>(quote - from)));
+      const auto* escape = static_cast<const char*>(std::memchr(m_At, '\\', static_cast<size_t>(quote - m_At)));
       if (escape == nullptr) {
         m_At = quote + 1;
+        text = {begin, static_cast<size_t>(quote - begin)};
+        if (Target::kLooksAtForm && !IsPlain(text)) m_IsCompact = false;
         return true;
       }
       hasEscapes = true;
       if (m_End - escape < 2) return false;
-      from = escape + 2;
+      m_At = escape + 2;
     }
   }
 
-  bool m_ReadName(std::string_view name, Json::Value&& meaning, Json::Value& value) {
+  // The same for most texts.
+  bool m_PassShortText() {
+    const char* const end = m_At + std::min<ptrdiff_t>(m_End - m_At, kShort);
+    while (m_At != end && !kIsSpecial[static_cast<unsigned char>(*m_At)]) ++m_At;
+    return m_At != end && *m_At++ == '"';
+  }
+
+  bool m_ReadName(std::string_view name, std::optional<bool> meaning, Target target) {
     if (std::string_view(m_At, static_cast<size_t>(m_End - m_At)).substr(0, name.size()) != name) return false;
     m_At += name.size();
-    value = std::move(meaning);
+    target.SetName(meaning);
     return true;
   }
 
   // What would go on as a fraction is found by whoever expects a comma then.
-  bool m_ReadInteger(Json::Value& value) {
+  bool m_ReadInteger(Target target) {
     int number = 0;
     const auto [end, error] = std::from_chars(m_At, m_End, number);
     if (error != std::errc()) return false;
+    const char* const digits = m_At + (*m_At == '-' ? 1 : 0);
+    if (*digits == '0' && end - m_At > 1) m_IsCompact = false;  // 007 or -0
     m_At = end;
-    value = number;
+    target.SetInteger(number);
     return true;
   }
 
   const char* m_At;
   const char* const m_End;
+  bool m_IsCompact = true;
+};
+
+// Makes the value, or one member of the root alone.
+struct ValueTarget {
+  static constexpr bool kLooksAtForm = false;
+  struct Only {
+    std::string_view name;
+    Json::Value* value;
+  };
+
+  void SetObject() const { Set(Json::Value(Json::objectValue)); }
+  void SetArray() const { Set(Json::Value(Json::arrayValue)); }
+  ValueTarget Member(std::string_view name) const {
+    if (only != nullptr) return {name == only->name ? only->value : nullptr};
+    return {value != nullptr ? value->demand(name.data(), name.data() + name.size()) : nullptr};
+  }
+  ValueTarget Element() const { return {value != nullptr ? &value->append(Json::Value()) : nullptr}; }
+  void SetInteger(int number) const { Set(Json::Value(number)); }
+  void SetName(std::optional<bool> meaning) const { Set(meaning ? Json::Value(*meaning) : Json::Value()); }
+  void SetText(std::string_view text) const {
+    if (value != nullptr) *value = Json::Value(text.begin(), text.end());
+  }
+  bool SetEscaped(std::string_view text) const {
+    return value != nullptr && ParseByJsoncpp(text.begin() - 1, text.end() + 1, *value);
+  }
+  void Set(Json::Value&& what) const {
+    if (value != nullptr) *value = std::move(what);
+  }
+
+  Json::Value* value;  // null where nothing is wanted
+  const Only* only = nullptr;
+};
+
+// Finds the integer that is one member of the root.
+struct OutlineTarget {
+  static constexpr bool kLooksAtForm = true;
+  enum Place { kRoot, kInteger, kElsewhere };
+
+  void SetObject() const {
+    if (place == kRoot) outline->isObject = true;
+    SetOther();
+  }
+  void SetArray() const { SetOther(); }
+  OutlineTarget Member(std::string_view name) const {
+    return {outline, place == kRoot && name == outline->name ? kInteger : kElsewhere};
+  }
+  OutlineTarget Element() const { return {outline, kElsewhere}; }
+  void SetInteger(int number) const {
+    if (place == kInteger) outline->integer = number;
+  }
+  void SetName(std::optional<bool>) const { SetOther(); }
+  void SetText(std::string_view) const { SetOther(); }
+  static bool SetEscaped(std::string_view) { return false; }  // only jsoncpp knows whether it is valid
+  void SetOther() const {
+    if (place == kInteger) outline->integer.reset();  // the last of several members of a name counts
+  }
+
+  NiraIpcJsonOutline* outline;
+  Place place;
 };
 
 template <class Append>
 void AppendMembers(std::string& to, const Json::Value& value, Append append) {
-  bool isFirst = true;
-  for (auto member = value.begin(); member != value.end(); ++member) {
-    if (!isFirst) to += ',';
-    isFirst = false;
+  const auto end = value.end();
+  for (auto member = value.begin(); member != end;) {
     append(member);
+    if (++member != end) to += ',';
   }
 }
 
@@ -170,10 +274,22 @@ void AppendMembers(std::string& to, const Json::Value& value, Append append) {
 
 bool NiraIpcParseJson(const char* text, size_t length, Json::Value& root) {
   try {
-    return PlainReader(text, text + length).ReadAll(root) || ParseByJsoncpp(text, text + length, root);
+    return PlainReader<ValueTarget>({text, length}).ReadAll({&root}) || ParseByJsoncpp(text, text + length, root);
   } catch (const Json::Exception&) {  // the reader's way to refuse deep nesting
     return false;
   }
+}
+
+bool NiraIpcOutlineJson(std::string_view text, NiraIpcJsonOutline& outline) {
+  PlainReader<OutlineTarget> reader(text);
+  if (!reader.ReadAll({&outline, OutlineTarget::kRoot})) return false;
+  outline.isCompact = reader.IsCompact();
+  return true;
+}
+
+void NiraIpcParseJsonMember(std::string_view text, std::string_view name, Json::Value& value) {
+  const ValueTarget::Only only = {name, &value};
+  PlainReader<ValueTarget>(text).ReadAll({nullptr, &only});
 }
 
 void NiraIpcAppendJson(std::string& to, int64_t number) {
@@ -198,27 +314,33 @@ void NiraIpcAppendJson(std::string& to, std::string_view text) {
 void NiraIpcAppendJson(std::string& to, const Json::Value& value) {
   const char* begin = nullptr;
   const char* end = nullptr;
-  if (value.isObject()) {
-    to += '{';
-    AppendMembers(to, value, [&](auto& member) {
-      const char* name = member.memberName(&end);
-      NiraIpcAppendJson(to, std::string_view(name, static_cast<size_t>(end - name)));
-      to += ':';
-      NiraIpcAppendJson(to, *member);
-    });
-    to += '}';
-  } else if (value.isArray()) {
-    to += '[';
-    AppendMembers(to, value, [&](auto& element) { NiraIpcAppendJson(to, *element); });
-    to += ']';
-  } else if (value.getString(&begin, &end)) {
-    NiraIpcAppendJson(to, std::string_view(begin, static_cast<size_t>(end - begin)));
-  } else if (value.type() == Json::intValue) {
-    NiraIpcAppendJson(to, value.asInt64());
-  } else {
-    Json::FastWriter writer;
-    writer.omitEndingLineFeed();
-    to += writer.write(value);
+  switch (value.type()) {
+    case Json::objectValue:
+      to += '{';
+      AppendMembers(to, value, [&](auto& member) {
+        const char* name = member.memberName(&end);
+        NiraIpcAppendJson(to, std::string_view(name, static_cast<size_t>(end - name)));
+        to += ':';
+        NiraIpcAppendJson(to, *member);
+      });
+      to += '}';
+      break;
+    case Json::arrayValue:
+      to += '[';
+      AppendMembers(to, value, [&](auto& element) { NiraIpcAppendJson(to, *element); });
+      to += ']';
+      break;
+    case Json::stringValue:
+      value.getString(&begin, &end);
+      NiraIpcAppendJson(to, std::string_view(begin, static_cast<size_t>(end - begin)));
+      break;
+    case Json::intValue:
+      NiraIpcAppendJson(to, value.asInt64());
+      break;
+    default:
+      Json::FastWriter writer;
+      writer.omitEndingLineFeed();
+      to += writer.write(value);
   }
 }
 

@@ -52,7 +52,7 @@ uint32_t MessageWaitItems::GetStartTick(int key) const {
 }
 
 // One that has a completion is taken out of the table: whoever takes it runs it.
-bool MessageWaitItems::SetJsonResponse(int key, Json::Value&& response) {
+bool MessageWaitItems::SetJsonResponse(int key, CNiraIpcMessage&& response) {
   ItemPtr item;
   {
     std::lock_guard<std::mutex> lock(m_TableLock);
@@ -136,7 +136,7 @@ MessageWaitItems::Clock::time_point MessageWaitItems::GetDeadline(int key) const
 Json::Value MessageWaitItems::GetJsonResponse(int key) {
   std::lock_guard<std::mutex> lock(m_TableLock);
   const ItemPtr item = m_Find(key);
-  return item != nullptr ? std::move(item->m_Response) : Json::Value();
+  return item != nullptr ? std::move(item->m_Response.Value()) : Json::Value();
 }
 
 bool MessageWaitItems::RemoveKey(int key) {
@@ -147,7 +147,7 @@ bool MessageWaitItems::RemoveKey(int key) {
   return item != nullptr;
 }
 
-bool MessageWaitItems::TakeResponse(int key, Json::Value& response) {
+bool MessageWaitItems::TakeResponse(int key, CNiraIpcMessage& response) {
   std::unique_lock<std::mutex> lock(m_TableLock);
   const ItemPtr item = m_Find(key);
   if (item == nullptr) return false;

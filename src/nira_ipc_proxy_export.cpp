@@ -1,10 +1,9 @@
-#include <memory>
-
 #include "nira_ipc_bundle_internal.h"
 #include "nira_ipc_func_internal.h"
 #include "nira_ipc_func_result_internal.h"
 #include "nira_ipc_json.h"
 #include "nira_ipc_log.h"
+#include "nira_ipc_message.h"
 #include "nira_ipc_proxy.h"
 #include "nira_ipc_proxy_internal.h"
 
@@ -61,17 +60,11 @@ void nira_ipc_proxy_send_bundle(void* proxy, void* bundle) {
 void* nira_ipc_proxy_call_function(void* proxy, void* func) {
   CNiraIpcProxy* self = ProxyOf(proxy);
   if (self == nullptr || func == nullptr) return nullptr;
-  auto result = std::make_unique<CNiraIpcFuncResult>();
-  Json::Value reply;
+  CNiraIpcMessage reply;
   const bool sent = self->CallFunction(static_cast<CNiraIpcFunc*>(func), reply);
   NIRA_IPC_LOG_INFO(TAG, "bRet = %s, result = %s\n", sent ? "true" : "false",
-                    sent ? NiraIpcWriteJson(reply).c_str() : "");
-  if (sent) {
-    Json::Value answer;
-    if (reply.isObject()) answer.swap(reply["result"]);
-    result->SetJsonParam(std::move(answer));
-  }
-  return result.release();
+                    sent ? NiraIpcWriteJson(reply.Value()).c_str() : "");
+  return sent ? new CNiraIpcFuncResult(reply.TakeMember("result")) : new CNiraIpcFuncResult;
 }
 
 void nira_ipc_proxy_call_function_async(void* proxy, void* func, nira_ipc_proxy_callback callback, void* user_data) {

@@ -80,7 +80,7 @@ void CNiraIpcProxy::UnregisterBundleHandler(nira_ipc_proxy_bundle_handler handle
   NIRA_IPC_LOG_INFO(TAG, "callback unregister done:, cb(%p) ", reinterpret_cast<void*>(handler));
 }
 
-bool CNiraIpcProxy::CallFunction(const CNiraIpcFunc* func, Json::Value& reply) {
+bool CNiraIpcProxy::CallFunction(const CNiraIpcFunc* func, CNiraIpcMessage& reply) {
   CNiraIpcCallbackGate::Pass pass(m_pImpl->Gate());
   if (!pass) return false;
   return m_pImpl->SendRequest("method", func->GetJsonText(), reply);
@@ -177,8 +177,9 @@ bool CNiraIpcProxy::m_RegisterAppID(const std::string& app_id) {
   request["timestamp"] = timestamp;
   std::string text;
   NiraIpcAppendJson(text, request);
-  Json::Value reply;
-  const bool answered = m_pImpl->SendRequest("register", text, reply);
+  CNiraIpcMessage message;
+  const bool answered = m_pImpl->SendRequest("register", text, message);
+  const Json::Value& reply = message.Value();
   // An answer of any kind is not enough: a refusal, a time-out and a disconnection are answers, too.
   const bool accepted =
       answered && NiraIpcFindMember(reply, "result") != nullptr && NiraIpcFindMember(reply, "error") == nullptr;

@@ -3,6 +3,7 @@
 //   caller: key, wait item, text into the queue, written with the turn -> reads the connection until its reply is
 //     there, or sleeps on its item while another caller reads (an asynchronous caller goes its way)
 //   reader: assemble with the turn -> match the key -> wake that caller, or hand the completion to the pool
+//   whoever the message is for: make its values, if they are wanted
 //
 // Every request is answered exactly once: by its reply, by its time-out (the waiting caller's clock, or for
 // asynchronous calls the service thread's), or by the end of the connection, whichever takes its item from the
@@ -460,42 +461,41 @@ void CNiraIpcProxyWebsocket::OnMessage(Link& link, std::string&& text) {
 // worker is busy with one.
 void CNiraIpcProxyWebsocket::m_OnMessage(Link& link, std::string&& text) {
   NIRA_IPC_LOG_INFO(TAG, "message received: %s\n", text.c_str());
-  Json::Value root;
-  if (!NiraIpcParseJson(text.c_str(), text.size(), root)) {
+  CNiraIpcMessage message(std::move(text));
+  if (!message.IsJson()) {
     NIRA_IPC_LOG_ERROR(TAG, "parsingSuccessful returns false!! parse error!!");
     return;
   }
-  if (!root.isObject()) {
+  if (!message.IsObject()) {
     NIRA_IPC_LOG_ERROR(TAG, "a message that is no JSON object is dropped");
     return;
   }
-  const Json::Value* member = NiraIpcFindMember(root, "uniqueKey");
-  const bool hasKey = member != nullptr && member->isInt();
-  const int key = hasKey ? member->asInt() : 0;
-  NIRA_IPC_LOG_INFO(TAG, "Finding uniqueKey in response from server %d", key);
-  if (hasKey && NiraIpcLogWanted(NIRA_PLATFORM_LOG_INFO) && m_WaitItems.IsKeyCreated(key)) {
-    NIRA_IPC_LOG_INFO(TAG, "response of %d, Time elapsed : %u ms", key,
-                      CNiraIpcUtil::GetTimeInMs() - m_WaitItems.GetStartTick(key));
+  const std::optional<int> key = message.Key();
+  NIRA_IPC_LOG_INFO(TAG, "Finding uniqueKey in response from server %d", key.value_or(0));
+  if (key && NiraIpcLogWanted(NIRA_PLATFORM_LOG_INFO) && m_WaitItems.IsKeyCreated(*key)) {
+    NIRA_IPC_LOG_INFO(TAG, "response of %d, Time elapsed : %u ms", *key,
+                      CNiraIpcUtil::GetTimeInMs() - m_WaitItems.GetStartTick(*key));
   }
-  if (hasKey && m_WaitItems.SetJsonResponse(key, std::move(root))) return;
+  if (key && m_WaitItems.SetJsonResponse(*key, std::move(message))) return;
   NIRA_IPC_LOG_INFO(TAG, "Unknown message");
-  m_PostMessage(link, std::move(text), std::move(root));  // NOLINT(bugprone-use-after-move): only a reply was moved
+  m_PostMessage(link, std::move(message));  // NOLINT(bugprone-use-after-move): only a reply was moved
 }
 
-void CNiraIpcProxyWebsocket::m_PostMessage(Link& link, std::string&& text, Json::Value&& message) {
-  const size_t bytes = text.size() + kNiraIpcMessageOverhead;
+void CNiraIpcProxyWebsocket::m_PostMessage(Link& link, CNiraIpcMessage&& message) {
+  const size_t bytes = message.Text().size() + kNiraIpcMessageOverhead;
   if ((link.backlog += bytes) > kNiraIpcMaxBacklogOfCaller) {
     NIRA_IPC_LOG_ERROR(TAG, "messages of %zu bytes wait to be processed. disconnect", link.backlog.load());
     shutdown(link.socket.Get(), SHUT_RDWR);  // its reader finds it cut and closes it
   }
-  m_ThreadPool.Post([this, gate = Gate(), link = link.shared_from_this(), bytes, text = std::move(text),
-                     message = std::move(message)]() mutable {
-    CNiraIpcCallbackGate::Pass pass(gate);
-    if (!pass) return;
-    NiraIpcGuarded(TAG, "callback",
-                   [&] { CallInternalCallback(NIRA_IPC_PROXY_INTERNAL_CALLBACK_MESSAGE, text, message); });
-    m_TakeFromBacklog(*link, bytes);
-  });
+  m_ThreadPool.Post(
+      [this, gate = Gate(), link = link.shared_from_this(), bytes, message = std::move(message)]() mutable {
+        CNiraIpcCallbackGate::Pass pass(gate);
+        if (!pass) return;
+        NiraIpcGuarded(TAG, "callback", [&] {
+          CallInternalCallback(NIRA_IPC_PROXY_INTERNAL_CALLBACK_MESSAGE, message.Text(), message.Value());
+        });
+        m_TakeFromBacklog(*link, bytes);
+      });
 }
 
 void CNiraIpcProxyWebsocket::m_TakeFromBacklog(Link& link, size_t bytes) {
@@ -554,29 +554,25 @@ std::string CNiraIpcProxyWebsocket::m_ConvertJsonValueToString(const Json::Value
 }
 
 bool CNiraIpcProxyWebsocket::SendMessage(const char* requestType, const std::string& request, std::string& reply) {
-  Json::Value json;
-  if (!m_SendMessage(requestType, request, json)) return false;
-  reply = m_ConvertJsonValueToString(json);
+  CNiraIpcMessage message;
+  if (!SendRequest(requestType, request, message)) return false;
+  reply = message.TakeCompactText();
   return true;
 }
 
-bool CNiraIpcProxyWebsocket::SendRequest(const char* requestType, const std::string& request, Json::Value& reply) {
-  return m_SendMessage(requestType, request, reply);
-}
-
-bool CNiraIpcProxyWebsocket::m_SendMessage(const char* requestType, const std::string& request, Json::Value& reply) {
+bool CNiraIpcProxyWebsocket::SendRequest(const char* requestType, const std::string& request, CNiraIpcMessage& reply) {
   int key = 0;
   LinkPtr link;
   if (!m_QueueRequest(requestType, request, nullptr, key, link)) return false;
   m_AwaitReply(*link, key);
   if (m_WaitItems.TakeResponse(key, reply)) {
     NIRA_IPC_LOG_INFO(TAG, "GET CONDITION");
-    NIRA_IPC_LOG_INFO(TAG, "response = %s", NiraIpcStyledJson(reply).c_str());
+    NIRA_IPC_LOG_INFO(TAG, "response = %s", NiraIpcStyledJson(reply.Value()).c_str());
   } else {
     NIRA_IPC_LOG_ERROR(TAG, "TIMEOUT");
     reply = MessageWaitItems::MakeFailReply("Timeout", key);
   }
-  NIRA_IPC_LOG_INFO(TAG, "Got reply : %s", m_ConvertJsonValueToString(reply).c_str());
+  NIRA_IPC_LOG_INFO(TAG, "Got reply : %s", m_ConvertJsonValueToString(reply.Value()).c_str());
   return true;
 }
 
@@ -678,15 +674,14 @@ void CNiraIpcProxyWebsocket::m_SendMessageAsync(CRequestAsyncData* data, CNiraIp
   const std::shared_ptr<CRequestAsyncData> record(data);
   int key = 0;
   LinkPtr link;
-  const auto completion = [transport, record](Json::Value&& reply) { transport->m_OnAsyncReply(record, reply); };
+  const auto completion = [transport, record](CNiraIpcMessage&& reply) { transport->m_OnAsyncReply(record, reply); };
   if (!transport->m_QueueRequest(record->requestType, record->request, completion, key, link)) {
     transport->m_Complete(record, "");
   }
 }
 
-void CNiraIpcProxyWebsocket::m_OnAsyncReply(const std::shared_ptr<CRequestAsyncData>& record,
-                                            const Json::Value& reply) {
-  std::string text = m_ConvertJsonValueToString(reply);
+void CNiraIpcProxyWebsocket::m_OnAsyncReply(const std::shared_ptr<CRequestAsyncData>& record, CNiraIpcMessage& reply) {
+  std::string text = reply.TakeCompactText();
   NIRA_IPC_LOG_INFO(TAG, "Got reply : %s", text.c_str());
   m_Complete(record, std::move(text));
 }

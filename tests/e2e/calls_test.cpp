@@ -138,7 +138,7 @@ TEST(AWaitTable, AnswersEachRequestOnceAndInTime) {
   const auto soon = MessageWaitItems::Clock::now() + 30ms;
   const auto late = soon + 1h;
   std::vector<int> completed;
-  const auto note = [&completed](Json::Value&& reply) { completed.push_back(reply["uniqueKey"].asInt()); };
+  const auto note = [&completed](CNiraIpcMessage&& reply) { completed.push_back(reply.Value()["uniqueKey"].asInt()); };
   EXPECT_TRUE(items.CreateKey(5, late));
   EXPECT_FALSE(items.CreateKey(5, late)) << "a key in flight is never shared";
   EXPECT_FALSE(items.SetJsonResponse(6, Json::Value()));

@@ -1,5 +1,6 @@
 // JSON texts as the library writes and reads them: as jsoncpp's FastWriter and Reader do, by which the wire goes.
 #include "nira_ipc_json.h"
+#include "nira_ipc_message.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,22 @@
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace {
+
+// A message that holds the text tells of it what jsoncpp has found.
+void ExpectMessage(const std::string& text, bool isJson, const Json::Value& known) {
+  const auto arrived = [&text] { return CNiraIpcMessage(std::string(text)); };
+  ASSERT_EQ(arrived().IsJson(), isJson) << text;
+  if (!isJson) return;
+  const bool isObject = known.isObject();
+  const Json::Value key = isObject ? known["uniqueKey"] : Json::Value();
+  EXPECT_EQ(arrived().IsObject(), isObject) << text;
+  EXPECT_EQ(arrived().Key().value_or(-7), key.isInt() ? key.asInt() : -7) << text;
+  EXPECT_TRUE(arrived().Value() == known && arrived().TakeMember("uniqueKey") == key) << text;
+  const std::string compact = Json::FastWriter().write(known);
+  EXPECT_EQ(arrived().TakeCompactText(), compact) << text;
+  NiraIpcJsonOutline outline;
+  EXPECT_TRUE(!NiraIpcOutlineJson(compact, outline) || outline.isCompact) << text;
+}
 
 // Whether the text is JSON. L stands for a long text, such as jsoncpp is spared, S for as much space, Z for a NUL. The
 // library and jsoncpp agree about it and about the value, also when that is written again.
@@ -27,6 +44,7 @@ bool IsJson(const std::string& text) {
   }
   EXPECT_EQ(NiraIpcParseJson(exact.data(), exact.size(), read), accepted) << text;
   EXPECT_TRUE(!accepted || (read == known && NiraIpcWriteJson(read) == Json::FastWriter().write(known))) << text;
+  ExpectMessage({exact.begin(), exact.end()}, accepted, known);
   return accepted;
 }
 
@@ -47,6 +65,7 @@ std::string Gap() {
 }
 
 std::string Text() {
+  if (g_Random() % 4 == 0) return OneOf("| |\n") + '"' + OneOf("uniqueKey|type|value|string") + '"' + OneOf("|| ");
   const char* const pieces =
       "|L|L|/|//|/*|*/|,|{|]|Z|\\\"|\\\\|\\/\\n|\\u0000|\\u20AC\\ud83d\\ude00|\\ud83d|\x01-1:0|\\u0001-1:0|"
       "\t\n\x1f\x7f|\xc3\xa9|\xe2\x82\xac|\xf0\x9f\x98\x80|\xff|\x80|\xc3|\xe2\x82|\xf0\x9f\x98|\xc0\xaf|\xed\xa0\x80";
@@ -87,7 +106,8 @@ TEST(AJsonText, IsReadAsByReader) {
   std::istringstream texts(
       R"("L"|{"a":"L","b":["L",1,"L"]}|{"L":"L","L" : 1}|["L\"","\\L\\","\"L\\\""]|["\\","a",S"\""]|["//L","/*L"])"
       R"(|/*"*/["L"]|["L",/*"L*/"L"]|{"L"/**/:"L"}|["\u0001-1:0L","\u0001-1:0"]|{"a":"L","a":"L"} "L|["L"]/|"L|["L])"
-      R"(|["L\"]|{"L" "L"}|{"L"}|["L"/]|["L",//"L])");
+      R"(|["L\"]|{"L" "L"}|{"L"}|["L"/]|["L",//"L]|{"uniqueKey":1,"uniqueKey":2}|{"uniqueKey":1,"uniqueKey":{}})"
+      R"(|{"a":{"uniqueKey":1}}|{"uniqueKey":[1]}|[{"uniqueKey":1}]|{"b":1,"a":2}|{"ab":1,"a":2}|{"":1,"":1})");
   for (std::string text; std::getline(texts, text, '|');) IsJson(text);
   for (const size_t depth : std::initializer_list<size_t>{100, 101, 102, 999, 1000, 1001, 100000})
     IsJson(std::string(depth, '[') + "\"L\"" + std::string(depth, ']'));
