@@ -48,7 +48,8 @@ class Value;
 }
 
 /* Returns a copy of the result's JSON form, { "result": flag, "params": { key: { "type", "value" } } }, or a null value
- * for a null handle. C++ only, with C++ linkage; include <json/json.h> to use it. */
+ * for a null handle. C++ only, with C++ linkage; include <json/json.h> to use it. The value refers to names inside this
+ * library, which has to stay loaded for as long. */
 NIRA_IPC_EXPORT Json::Value nira_ipc_func_result_get_json(void* result);
 #endif
 

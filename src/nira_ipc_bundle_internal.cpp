@@ -213,17 +213,18 @@ CNiraIpcBundle::Block CNiraIpcBundle::m_NewBlock(const void* bytes, size_t size)
 
 // `type` is a literal. Copying a record that has both members takes jsoncpp a third less than adding them to a new one.
 void CNiraIpcBundle::m_SetRecord(const char* key, const char* type, Json::Value&& value) {
+  static const Json::StaticString typeName("type"), valueName("value");
   static const Json::Value empty = [] {
     Json::Value members(Json::objectValue);
-    members["type"] = members["value"] = Json::Value();
+    members[typeName] = members[valueName] = Json::Value();
     return members;
   }();
   Json::Value record(empty);
-  record["type"] = Json::StaticString(type);
-  record["value"] = std::move(value);
+  record[typeName] = Json::StaticString(type);
+  record[valueName] = std::move(value);
   Json::Value* records = &m_ContentAsObject();
   if (m_Member != nullptr) {
-    records = &(*records)[m_Member];
+    records = &(*records)[Json::StaticString(m_Member)];
     if (!records->isObject()) *records = Json::Value(Json::objectValue);
   }
   (*records)[key] = std::move(record);

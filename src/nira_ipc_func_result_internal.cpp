@@ -13,7 +13,7 @@ CNiraIpcFuncResult::CNiraIpcFuncResult(Json::Value&& content) : CNiraIpcBundle("
 CNiraIpcFuncResult::~CNiraIpcFuncResult() = default;
 
 void CNiraIpcFuncResult::SetResult(bool result) {
-  m_ContentAsObject()["result"] = result;
+  m_ContentAsObject()[Json::StaticString("result")] = result;
 }
 
 bool CNiraIpcFuncResult::GetResult() const {

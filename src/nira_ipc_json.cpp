@@ -41,10 +41,29 @@ bool IsPlain(std::string_view text) {
   return true;
 }
 
+// The protocol's own words. jsoncpp keeps a copy of a member's name and makes another on the way; a word that never
+// goes it takes as it is.
+constexpr std::string_view kWords[] = {"type",   "value",   "int",          "string",    "caller",    "request",
+                                       "method", "params",  "request_type", "timestamp", "uniqueKey", "result",
+                                       "bundle", "message", "string_array", "int_array", "binary",    "stat"};
+
+// The word that is the same as this text; null when there is none.
+const char* FindWord(std::string_view text) {
+  for (const std::string_view word : kWords) {
+    if (word.size() == text.size() && word.front() == text.front() && word == text) return word.data();
+  }
+  return nullptr;
+}
+
 // Whether jsoncpp keeps a member behind another. Most names differ in their first letters.
 bool IsBehind(std::string_view name, std::string_view other) {
   if (!name.empty() && !other.empty() && name.front() != other.front()) return name.front() > other.front();
   return name > other;
+}
+
+Json::Value& AddMember(Json::Value& object, std::string_view name) {
+  if (const char* word = FindWord(name)) return object[Json::StaticString(word)];
+  return *object.demand(name.data(), name.data() + name.size());
 }
 
 bool ParseByJsoncpp(const char* begin, const char* end, Json::Value& root) {
@@ -214,13 +233,15 @@ struct ValueTarget {
   void SetArray() const { Set(Json::Value(Json::arrayValue)); }
   ValueTarget Member(std::string_view name) const {
     if (only != nullptr) return {name == only->name ? only->value : nullptr};
-    return {value != nullptr ? value->demand(name.data(), name.data() + name.size()) : nullptr};
+    return {value != nullptr ? &AddMember(*value, name) : nullptr};
   }
   ValueTarget Element() const { return {value != nullptr ? &value->append(Json::Value()) : nullptr}; }
   void SetInteger(int number) const { Set(Json::Value(number)); }
   void SetName(std::optional<bool> meaning) const { Set(meaning ? Json::Value(*meaning) : Json::Value()); }
   void SetText(std::string_view text) const {
-    if (value != nullptr) *value = Json::Value(text.begin(), text.end());
+    if (value == nullptr) return;
+    const char* word = FindWord(text);
+    Set(word != nullptr ? Json::Value(Json::StaticString(word)) : Json::Value(text.begin(), text.end()));
   }
   bool SetEscaped(std::string_view text) const {
     return value != nullptr && ParseByJsoncpp(text.begin() - 1, text.end() + 1, *value);
