@@ -16,9 +16,8 @@ class CNiraIpcMessage {
  public:
   CNiraIpcMessage() = default;
 
-  // One that has not arrived but is made on this side.
-  CNiraIpcMessage(Json::Value&& value)  // NOLINT(google-explicit-constructor): a value will do where a message is due
-      : m_IsJson(true), m_IsObject(value.isObject()), m_Value(std::move(value)) {}
+  // One that has not arrived but is made on this side. Implicit: a value will do wherever a message is due.
+  CNiraIpcMessage(Json::Value&& value) : m_IsJson(true), m_IsObject(value.isObject()), m_Value(std::move(value)) {}
 
   explicit CNiraIpcMessage(std::string&& text);
 

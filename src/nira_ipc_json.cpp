@@ -41,8 +41,8 @@ bool IsPlain(std::string_view text) {
   return true;
 }
 
-// The protocol's own words. jsoncpp keeps a copy of a member's name and makes another on the way; a word that never
-// goes it takes as it is.
+// The protocol's own words. jsoncpp keeps a copy of a member's name and makes another on the way, but not of a text
+// that is static.
 constexpr std::string_view kWords[] = {"type",   "value",   "int",          "string",    "caller",    "request",
                                        "method", "params",  "request_type", "timestamp", "uniqueKey", "result",
                                        "bundle", "message", "string_array", "int_array", "binary",    "stat"};
