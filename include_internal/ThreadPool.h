@@ -153,18 +153,7 @@ class ThreadPool {
     m_Stopped = true;
     // In a child of fork() the workers do not exist: joining them would wait for ever.
     if (m_Process != getpid()) return;
-    {
-      std::lock_guard<std::mutex> lock(m_State->lock);
-      m_State->Stop();
-    }
-    m_State->poller.Wake();  // one worker, which wakes the next
-    for (std::thread& worker : m_Workers) {
-      if (worker.get_id() == std::this_thread::get_id()) {
-        worker.detach();
-      } else if (worker.joinable()) {
-        worker.join();
-      }
-    }
+    StopWorkers(*m_State, m_Workers);
   }
 
   // Stops a pool that is itself never destroyed.
@@ -180,18 +169,27 @@ class ThreadPool {
   // Whether the calling thread is one of the workers.
   bool IsWorker() const { return t_State != nullptr && t_State == m_State.get(); }
 
-  // Starts the workers unless this process has them. A child of fork() gets its own: the parent's thread objects and
-  // locks are abandoned, because nobody in the child can ever release them.
+  // Starts the workers unless this process has them: all, or if one cannot be started, none. A child of fork() gets its
+  // own: the parent's thread objects and locks are abandoned, because nobody in the child can ever release them.
   void StartWorkers() {
     if (m_Process == getpid()) return;
     std::lock_guard<std::mutex> lock(m_Starting);
     if (m_Process == getpid()) return;
     if (m_Stopped) throw std::runtime_error("enqueue on stopped ThreadPool");
-    AbandonWorkers();
-    m_State = std::make_shared<State>(m_Count);
-    for (int i = 0; i < m_Count; ++i) {
-      m_Workers.push_back(NiraIpcStartThread(m_Name + std::to_string(i), [state = m_State, i] { Work(*state, i); }));
+    const auto state = std::make_shared<State>(m_Count);
+    std::vector<std::thread> workers;
+    workers.reserve(static_cast<size_t>(m_Count));
+    try {
+      for (int i = 0; i < m_Count; ++i) {
+        workers.push_back(NiraIpcStartThread(m_Name + std::to_string(i), [state, i] { Work(*state, i); }));
+      }
+    } catch (...) {
+      StopWorkers(*state, workers);
+      throw;
     }
+    AbandonWorkers();
+    m_State = state;
+    m_Workers = std::move(workers);
     m_Process = getpid();  // last: whoever finds it finds the rest
   }
 
@@ -230,7 +228,9 @@ class ThreadPool {
     bool stop = false;
     std::atomic<int> busy{0};  // only for the log
 
-    explicit State(int threads) : count(threads) {}
+    explicit State(int threads) : count(threads) {
+      reserve.reserve(static_cast<size_t>(count));  // a worker must not want for memory
+    }
 
     // With the lock, as all that follows.
     int Awake() const { return count - sleeping - static_cast<int>(reserve.size()); }
@@ -285,6 +285,21 @@ class ThreadPool {
                         count, static_cast<int>(size));
     }
   };
+
+  static void StopWorkers(State& state, std::vector<std::thread>& workers) {
+    {
+      std::lock_guard<std::mutex> lock(state.lock);
+      state.Stop();
+    }
+    state.poller.Wake();  // one worker, which wakes the next
+    for (std::thread& worker : workers) {
+      if (worker.get_id() == std::this_thread::get_id()) {
+        worker.detach();
+      } else if (worker.joinable()) {
+        worker.join();
+      }
+    }
+  }
 
   // In a child of fork(): the parent's thread objects can be neither joined nor detached, and destroying one that is
   // joinable ends the process. So each is overwritten.
