@@ -587,12 +587,12 @@ int CNiraIpcStubWebsocket::m_WebSocketWriteBack(void* handle, std::string&& text
     const auto found = m_Connections.find(handle);
     if (found == m_Connections.end() || found->second->overflowed) return -1;
     const ConnectionPtr& connection = found->second;
+    m_NeedsService(connection);  // first: a text that is queued must not be forgotten for want of memory
     if (!connection->outgoing.Push(std::move(text))) {
       NIRA_IPC_LOG_ERROR(TAG, "client(%p) has left %zu bytes unread. disconnect", handle, connection->outgoing.Bytes());
       connection->overflowed = true;
       connection->outgoing.Clear();
     }
-    m_NeedsService(connection);
   }
   m_Loop->Demand();
   return static_cast<int>(size);
@@ -600,8 +600,9 @@ int CNiraIpcStubWebsocket::m_WebSocketWriteBack(void* handle, std::string&& text
 
 // With m_Lock: puts the connection before whoever takes the turn next.
 void CNiraIpcStubWebsocket::m_NeedsService(const ConnectionPtr& connection) {
-  if (std::exchange(connection->needsService, true)) return;
+  if (connection->needsService) return;
   m_ToService.push_back(connection);
+  connection->needsService = true;
 }
 
 void CNiraIpcStubWebsocket::m_CheckClientRegister(void* handle, int) {
