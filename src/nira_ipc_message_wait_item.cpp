@@ -34,9 +34,11 @@ bool MessageWaitItems::CreateKey(int key, Clock::time_point deadline, Completion
   auto item = std::make_shared<WaitItem>();
   item->m_Deadline = deadline;
   item->m_Completion = std::move(completion);
+  std::list<int> place;  // made first: an item without its place could not be taken out again
+  if (item->m_Completion) item->m_Place = place.insert(place.end(), key);
   std::lock_guard<std::mutex> lock(m_TableLock);
   if (!m_Items.emplace(key, item).second) return false;
-  if (item->m_Completion) item->m_Place = m_Completions.insert(m_Completions.end(), key);
+  m_Completions.splice(m_Completions.end(), place);
   return true;
 }
 

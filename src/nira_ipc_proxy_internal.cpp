@@ -2,6 +2,7 @@
 
 #include "nira_ipc_bundle_internal.h"
 #include "nira_ipc_func_internal.h"
+#include "nira_ipc_guard.h"
 #include "nira_ipc_json.h"
 #include "nira_ipc_log.h"
 #include "nira_ipc_util.h"
@@ -28,7 +29,7 @@ bool CNiraIpcProxy::SetConnect(int port, const char* app_id) {
     return false;
   }
   if (!m_pImpl->SetConnect(port, app_id)) return false;
-  if (!m_RegisterAppID(app_id)) {
+  if (!NiraIpcGuarded(TAG, "registration", false, [&] { return m_RegisterAppID(app_id); })) {
     NIRA_IPC_LOG_ERROR(TAG, "Failure Registerappid by nira_ipc_proxy");
     m_pImpl->SetDisconnect();  // a failed connect leaves nothing behind, so that it can be tried again
     return false;

@@ -79,8 +79,8 @@ bool CNiraIpcProxyWebsocket::m_ConnectWebsocket(int port, const char* app_id) {
       NIRA_IPC_LOG_ERROR(TAG, "this proxy is connected or was not disconnected yet");
       return false;
     }
-    m_Phase = Phase::kConnecting;
     m_strAppId = app_id;
+    m_Phase = Phase::kConnecting;
     m_bRun = true;
     m_bClosedByServer = m_bOverflowed = m_bAttemptWanted = false;
     m_MessageQueue.Clear();
@@ -564,7 +564,7 @@ bool CNiraIpcProxyWebsocket::SendRequest(const char* requestType, const std::str
   int key = 0;
   LinkPtr link;
   if (!m_QueueRequest(requestType, request, nullptr, key, link)) return false;
-  m_AwaitReply(*link, key);
+  NiraIpcGuarded(TAG, "waiting", [&] { m_AwaitReply(*link, key); });  // whatever comes, it leaves the table
   if (m_WaitItems.TakeResponse(key, reply)) {
     NIRA_IPC_LOG_INFO(TAG, "GET CONDITION");
     NIRA_IPC_LOG_INFO(TAG, "response = %s", NiraIpcStyledJson(reply.Value()).c_str());
@@ -651,15 +651,19 @@ bool CNiraIpcProxyWebsocket::m_QueueRequest(const char* requestType, const std::
   if (link == nullptr) return false;
   const uint32_t now = CNiraIpcUtil::GetTimeInMs();
   key = m_CreateKey(now, completion);
-  std::string text = m_MakeEnvelope(requestType, request, key, now, caller);
-  NIRA_IPC_LOG_INFO(TAG, "Json = %s\n", text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom);
-  // Before it is sent, or the reply may come before its caller is there and wake the service thread.
-  const bool leads = !completion && m_WaitItems.TryLead(key);
-  if (leads) m_SetLed(*link);
-  if (completion && !m_bTimerSet.exchange(true)) link->loop->Wake();
-  if (m_SetMessageQueue(*link, std::move(text), completion != nullptr)) return true;
+  bool leads = false;
+  const bool isQueued = NiraIpcGuarded(TAG, "request", false, [&] {
+    std::string text = m_MakeEnvelope(requestType, request, key, now, caller);
+    NIRA_IPC_LOG_INFO(TAG, "Json = %s\n", text.c_str() + CNiraIpcOutgoingQueue::kHeadRoom);
+    // Before it is sent, or the reply may come before its caller is there and wake the service thread.
+    leads = !completion && m_WaitItems.TryLead(key);
+    if (leads) m_SetLed(*link);
+    if (completion && !m_bTimerSet.exchange(true)) link->loop->Wake();
+    return m_SetMessageQueue(*link, std::move(text), completion != nullptr);
+  });
+  if (isQueued) return true;
   if (leads) m_EndLead(*link, key);
-  // The connection ended meanwhile. If that has answered the request already, it was not refused.
+  // Memory is short, or the connection ended meanwhile. If that has answered the request already, it was not refused.
   return !m_WaitItems.RemoveKey(key);
 }
 
@@ -681,7 +685,7 @@ void CNiraIpcProxyWebsocket::m_SendMessageAsync(CRequestAsyncData* data, CNiraIp
 }
 
 void CNiraIpcProxyWebsocket::m_OnAsyncReply(const std::shared_ptr<CRequestAsyncData>& record, CNiraIpcMessage& reply) {
-  std::string text = reply.TakeCompactText();
+  std::string text = NiraIpcGuarded(TAG, "reply", std::string(), [&] { return reply.TakeCompactText(); });
   NIRA_IPC_LOG_INFO(TAG, "Got reply : %s", text.c_str());
   m_Complete(record, std::move(text));
 }
