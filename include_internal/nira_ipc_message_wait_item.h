@@ -1,8 +1,9 @@
 // The requests of one proxy that wait for their replies, by "uniqueKey".
 //
 // Application threads and workers create and remove items and wait on them; whoever reads the connection answers them.
-// At most one of the waiting threads leads: it waits on the connection itself and answers the others, so that a reply
-// need not be handed over to the one that waits for it. When it has its own, it passes the lead on.
+// At most one thread leads: it alone reads the connection and answers the others. Mostly that is one of those that
+// wait: it waits on the connection itself, so that its reply need not be handed over to it, and when it has that, it
+// passes the lead on. While none waits, the service thread takes the lead whenever there is something to read.
 //
 // One lock guards the map and the items; it is not held while somebody waits, nor while a completion runs. Items are
 // shared, so a late reply and the end of a wait cannot pull one away from under each other.
@@ -62,8 +63,9 @@ class MessageWaitItems {
   // Answers a request. False when none waits under the key (any more); the response is not moved then.
   bool SetJsonResponse(int key, CNiraIpcMessage&& response);
 
-  // Makes the request's thread the leader if there is none.
-  bool TryLead(int key);
+  // Makes the request's thread the leader if there is none; without a key the calling one, which waits for nothing.
+  static constexpr int kNoKey = 0;
+  bool TryLead(int key = kNoKey);
 
   // Blocks until the request is answered or its deadline has passed on the monotonic clock, whatever else wakes the
   // thread; whether it was answered. A caller that can lead gives `mustLead`: if that is set, it has to read the
@@ -73,7 +75,7 @@ class MessageWaitItems {
   // Whether the request was answered or its deadline has passed.
   bool IsOver(int key) const;
 
-  // The leader leads no more. False when nobody else waits who could.
+  // The leader leads no more. False when nobody waits who could.
   bool EndLead(int key);
 
   Clock::time_point GetDeadline(int key) const;

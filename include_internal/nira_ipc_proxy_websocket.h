@@ -62,7 +62,7 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
     lws* wsi = nullptr;   // the connection, or the attempt at one
     int descriptor = -1;  // once it is established
     uint32_t armed = 0;   // what the service thread's poller watches
-    bool isLed = false;   // a thread that waits for a reply reads it
+    bool isLed = false;   // somebody reads it: a thread that waits for a reply, or just now the service thread
     bool isClosed = false;
     bool mustTellOfEnd = false;         // nobody has acted upon it yet
     std::string received;               // the message that is being assembled
@@ -79,6 +79,12 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   };
   using LinkPtr = std::shared_ptr<Link>;
 
+  // What a thread has read, and acts upon after the turn.
+  struct Batch {
+    std::vector<std::string> messages;
+    bool isClosed = false;
+  };
+
   static int t_WebSocketCbFunction(lws* wsi, lws_callback_reasons reason, void* user, void* in, size_t len);
   static bool t_RunCompletion(const std::shared_ptr<CNiraIpcCallbackGate>& gate, Completions& completions);
 
@@ -88,6 +94,7 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   void m_DisconnectWebsocket();
   void m_ServiceThread(Link& link);
   void m_ServeUntilStopped(Link& link);
+  void m_Serve(Link& link, uint32_t events);
   void m_Attempt(Link& link);
   int m_WebSocketCbFunction(Link& link, lws* wsi, lws_callback_reasons reason, void* in, size_t len);
   int m_OnEstablished(Link& link);
@@ -96,7 +103,8 @@ class CNiraIpcProxyWebsocket : public INiraIpcProxy {
   void m_OnWritable(Link& link);
   void m_WriteMessageToLWS(Link& link);
   void m_Arm(Link& link);
-  void m_Read(Link& link, uint32_t events);
+  void m_Read(Link& link, uint32_t events, Batch& batch);
+  void m_ActUpon(Link& link, Batch& batch);
   void m_Lead(Link& link, int key);
   void m_EndLead(Link& link, int key);
   void m_CloseConnection();

@@ -75,8 +75,9 @@ bool MessageWaitItems::SetJsonResponse(int key, CNiraIpcMessage&& response) {
 bool MessageWaitItems::TryLead(int key) {
   std::lock_guard<std::mutex> lock(m_TableLock);
   const ItemPtr item = m_Find(key);
-  if (m_HasLeader || item == nullptr) return false;
-  m_HasLeader = item->m_Leads = true;
+  if (m_HasLeader || (item == nullptr && key != kNoKey)) return false;
+  if (item != nullptr) item->m_Leads = true;
+  m_HasLeader = true;
   return true;
 }
 

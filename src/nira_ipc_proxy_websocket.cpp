@@ -211,20 +211,31 @@ void CNiraIpcProxyWebsocket::m_ServiceThread(Link& link) {
 }
 
 void CNiraIpcProxyWebsocket::m_ServeUntilStopped(Link& link) {
-  m_Read(link, 0);  // it may have ended already
+  m_Serve(link, 0);  // it may have ended already
   while (!link.loop->IsStopping()) {
     m_bTimerSet = false;  // before the look: a call that comes after it wakes this thread
     const auto nextTimeout = m_WaitItems.NextTimeout();
     if (nextTimeout) m_bTimerSet = true;
     const CNiraIpcPoller::Ready ready = link.loop->Wait(nextTimeout);
     if (ready.id == CNiraIpcPoller::kTimedOut) m_WaitItems.AnswerTimedOut(MessageWaitItems::Clock::now());
-    if (ready.id != kConnection) continue;
-    m_Read(link, ready.events);
-    link.loop->WithTurn([&] {
-      link.armed = 0;
-      m_Arm(link);
-    });
+    if (ready.id == kConnection) m_Serve(link, ready.events);
   }
+}
+
+// The service thread takes the lead for as long as it reads. A caller may have come since it was woken, and waits in
+// the kernel for its reply: if that were read here, nothing would wake it.
+void CNiraIpcProxyWebsocket::m_Serve(Link& link, uint32_t events) {
+  Batch batch;
+  bool leads = false;
+  link.loop->WithTurn([&] {
+    leads = m_WaitItems.TryLead();
+    link.isLed = true;
+    link.armed = 0;
+    if (leads || (events & EPOLLOUT) != 0) m_Read(link, leads ? events : EPOLLOUT, batch);
+    if (!leads) m_Arm(link);
+  });
+  m_ActUpon(link, batch);
+  if (leads) m_EndLead(link, MessageWaitItems::kNoKey);
 }
 
 // Begins an attempt at a connection if one is wanted and none is under way.
@@ -360,22 +371,22 @@ void CNiraIpcProxyWebsocket::m_Arm(Link& link) {
   link.loop->Poller().Change(link.descriptor, kConnection, events | EPOLLONESHOT);
 }
 
-// For the one thread that reads: takes what has come and acts upon it.
-void CNiraIpcProxyWebsocket::m_Read(Link& link, uint32_t events) {
-  std::vector<std::string> messages;
-  bool isClosed = false;
-  link.loop->WithTurn([&] {
-    if (link.descriptor >= 0) link.loop->ServiceDescriptor(link.descriptor, events);
-    if ((events & EPOLLOUT) != 0) m_OnWritable(link);
-    messages.swap(link.messages);
-    isClosed = std::exchange(link.mustTellOfEnd, false);
-  });
+// With the turn: takes what has come.
+void CNiraIpcProxyWebsocket::m_Read(Link& link, uint32_t events, Batch& batch) {
+  if (link.descriptor >= 0) link.loop->ServiceDescriptor(link.descriptor, events);
+  if ((events & EPOLLOUT) != 0) m_OnWritable(link);
+  batch.messages.swap(link.messages);
+  batch.isClosed = std::exchange(link.mustTellOfEnd, false);
+}
+
+// Without it, for the thread that has read.
+void CNiraIpcProxyWebsocket::m_ActUpon(Link& link, Batch& batch) {
   size_t handled = 0;
-  for (std::string& message : messages) {
+  for (std::string& message : batch.messages) {
     NiraIpcGuarded(TAG, "message", [&] { OnMessage(link, std::move(message)); });
     if (++handled % kMessagesBetweenWrites == 0) link.loop->Settle();
   }
-  if (isClosed) NiraIpcGuarded(TAG, "close", [this] { OnClose(); });
+  if (batch.isClosed) NiraIpcGuarded(TAG, "close", [this] { OnClose(); });
 }
 
 // The caller reads the connection until its own request is over, and answers those of others.
@@ -384,9 +395,10 @@ void CNiraIpcProxyWebsocket::m_Lead(Link& link, int key) {
   while (!m_WaitItems.IsOver(key)) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - MessageWaitItems::Clock::now()).count();
     pollfd polled = {link.socket.Get(), POLLIN | POLLRDHUP, 0};
-    if (poll(&polled, 1, static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX))) > 0) {
-      m_Read(link, static_cast<uint32_t>(polled.revents));
-    }
+    if (poll(&polled, 1, static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX))) <= 0) continue;
+    Batch batch;
+    link.loop->WithTurn([&] { m_Read(link, static_cast<uint32_t>(polled.revents), batch); });
+    m_ActUpon(link, batch);
   }
   m_EndLead(link, key);
 }
@@ -593,7 +605,7 @@ void CNiraIpcProxyWebsocket::m_SetLed(Link& link) {
   });
 }
 
-// Draws keys until one is free, and enters it into the table. Not 0, which stands for none in the log.
+// Draws keys until one is free, and enters it into the table. Not 0, which stands for none.
 int CNiraIpcProxyWebsocket::m_CreateKey(uint32_t now, const MessageWaitItems::Completion& completion) {
   const auto deadline = MessageWaitItems::Clock::now() + kNiraIpcRequestTimeout;
   for (;;) {
@@ -602,7 +614,7 @@ int CNiraIpcProxyWebsocket::m_CreateKey(uint32_t now, const MessageWaitItems::Co
       std::lock_guard<std::mutex> lock(m_Mutex);
       key = rand_r(&m_nSeed);
     }
-    if (key == 0 || !m_WaitItems.CreateKey(key, deadline, completion)) continue;
+    if (key == MessageWaitItems::kNoKey || !m_WaitItems.CreateKey(key, deadline, completion)) continue;
     if (NiraIpcLogWanted(NIRA_PLATFORM_LOG_INFO)) m_WaitItems.SetStartTick(key, now);
     NIRA_IPC_LOG_INFO(TAG, "Add uniqueKey %d to wait items", key);
     return key;

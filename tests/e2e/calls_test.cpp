@@ -22,6 +22,25 @@ TEST_F(Calls, ABlockingCallTakesNoPollingStep) {
   EXPECT_LT(times[50], 20ms) << "the median; a poll would cost 50 ms";
 }
 
+// A push wakes the service thread, which must not then read a reply that a caller itself waits for.
+TEST_F(Calls, ACallIsAnsweredAtOnceWhilePushesArrive) {
+  StartStub();
+  void* proxy = Connected("app");
+  Hear(proxy, NIRA_IPC_PROXY_CALLBACK_MESSAGE, [](const char*) {});
+  const auto call = [&](int calls, bool pushes) {
+    for (int i = 0; i < calls && !HasFailure(); ++i) {
+      if (pushes) nira_ipc_stub_send_message(stub, "app", "x");
+      const auto before = std::chrono::steady_clock::now();
+      EXPECT_EQ(CallTwice(proxy, i), 2 * i);
+      EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
+    }
+  };
+  call(2000, true);
+  std::thread other(call, 2000, false);
+  call(2000, true);
+  other.join();
+}
+
 TEST_F(Calls, TenThousandAsynchronousCallsAreAllAnsweredOnce) {
   StartStub();
   void* proxy = Connected("app");
